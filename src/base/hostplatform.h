@@ -1,0 +1,20 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+// What the QEMU command line and the acceleration probe need to know about the host.
+// Kept a plain value so tests can build the Windows command line on Linux.
+struct HostPlatform
+{
+    QString programSuffix;     // ".exe" on Windows
+    QStringList accelerators;  // tried by QEMU in this order
+    QString audioDriver;       // backend of "-audiodev"
+    bool arm64 = false;
+
+    QString programName(const QString &baseName) const { return baseName + programSuffix; }
+
+    static HostPlatform forWindows();
+    static HostPlatform forLinux();
+    static HostPlatform current();
+};

@@ -1,0 +1,98 @@
+#include "logcapture.h"
+
+#include <QMutexLocker>
+#include <QStringList>
+
+#include <atomic>
+
+namespace {
+std::atomic<LogCapture *> g_current{nullptr};
+}
+
+LogCapture::LogCapture()
+{
+    m_outer = g_current.exchange(this);
+    m_previous = qInstallMessageHandler(&LogCapture::handler);
+}
+
+LogCapture::~LogCapture()
+{
+    qInstallMessageHandler(m_previous);
+    g_current.store(m_outer);
+}
+
+void LogCapture::handler(QtMsgType type, const QMessageLogContext &context, const QString &message)
+{
+    LogCapture *self = g_current.load();
+    if (!self)
+        return;
+    {
+        QMutexLocker lock(&self->m_mutex);
+        self->m_entries.append({type, message});
+    }
+    // Let QTest::ignoreMessage and fatal handling see the message too.
+    if (type == QtFatalMsg && self->m_previous)
+        self->m_previous(type, context, message);
+}
+
+QList<LogCapture::Entry> LogCapture::entries() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_entries;
+}
+
+QStringList LogCapture::lines(QtMsgType type) const
+{
+    QStringList result;
+    for (const Entry &e : entries())
+        if (e.type == type)
+            result << e.text;
+    return result;
+}
+
+bool LogCapture::contains(QtMsgType type, const QString &text) const
+{
+    return lines(type).contains(text);
+}
+
+bool LogCapture::containsPrefix(QtMsgType type, const QString &prefix) const
+{
+    for (const QString &line : lines(type))
+        if (line.startsWith(prefix))
+            return true;
+    return false;
+}
+
+int LogCapture::count(const QString &text) const
+{
+    int n = 0;
+    for (const Entry &e : entries())
+        n += e.text == text ? 1 : 0;
+    return n;
+}
+
+void LogCapture::clear()
+{
+    QMutexLocker lock(&m_mutex);
+    m_entries.clear();
+}
+
+QString LogCapture::levelName(QtMsgType type)
+{
+    switch (type) {
+    case QtDebugMsg: return QStringLiteral("debug");
+    case QtInfoMsg: return QStringLiteral("info");
+    case QtWarningMsg: return QStringLiteral("warning");
+    case QtCriticalMsg: return QStringLiteral("critical");
+    case QtFatalMsg: return QStringLiteral("fatal");
+    }
+    return QString();
+}
+
+QString LogCapture::dump() const
+{
+    QStringList out;
+    for (const Entry &e : entries())
+        out << levelName(e.type) + QStringLiteral(": ") + e.text;
+    return out.join(QLatin1Char('\n'));
+}

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <QList>
+#include <QMutex>
+#include <QString>
+#include <QtGlobal>
+
+// Records every message of the Qt message log while it lives, so a test can assert
+// the exact text and level of the lines the library writes.
+class LogCapture
+{
+public:
+    struct Entry
+    {
+        QtMsgType type;
+        QString text;
+    };
+
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture &) = delete;
+    LogCapture &operator=(const LogCapture &) = delete;
+
+    QList<Entry> entries() const;
+    QStringList lines(QtMsgType type) const;
+    bool contains(QtMsgType type, const QString &text) const;          // exact line
+    bool containsPrefix(QtMsgType type, const QString &prefix) const;  // line starts with
+    int count(const QString &text) const;                              // exact line, any level
+    void clear();
+
+    static QString levelName(QtMsgType type);
+    QString dump() const;  // for failure messages
+
+private:
+    static void handler(QtMsgType type, const QMessageLogContext &context, const QString &message);
+
+    mutable QMutex m_mutex;
+    QList<Entry> m_entries;
+    QtMessageHandler m_previous = nullptr;
+    LogCapture *m_outer = nullptr;
+};
