@@ -3,13 +3,14 @@
 HostPlatform HostPlatform::forWindows()
 {
     return {QStringLiteral(".exe"), {QStringLiteral("whpx"), QStringLiteral("hax")},
-            QStringLiteral("dsound"), false};
+            QStringLiteral("dsound,id=snd0,latency=0"), false};
 }
 
 HostPlatform HostPlatform::forLinux()
 {
-    // "none" keeps QEMU from failing on hosts without a sound server (CI, servers).
-    return {QString(), {QStringLiteral("kvm"), QStringLiteral("tcg")}, QStringLiteral("none"), false};
+    // The "none" backend keeps QEMU from failing on hosts without a sound server.
+    return {QString(), {QStringLiteral("kvm"), QStringLiteral("tcg")}, QStringLiteral("none,id=snd0"),
+            false};
 }
 
 HostPlatform HostPlatform::current()

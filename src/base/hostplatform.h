@@ -9,7 +9,7 @@ struct HostPlatform
 {
     QString programSuffix;     // ".exe" on Windows
     QStringList accelerators;  // tried by QEMU in this order
-    QString audioDriver;       // backend of "-audiodev"
+    QString audioDevice;       // value of "-audiodev": backend, id and its options
     bool arm64 = false;
 
     QString programName(const QString &baseName) const { return baseName + programSuffix; }

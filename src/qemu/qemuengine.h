@@ -1,0 +1,89 @@
+#pragma once
+
+#include "hostplatform.h"
+#include "vmtoolsengine.h"
+
+#include <QString>
+
+class QEMUMachine;
+
+// The engine that runs devices under QEMU: finds and checks the QEMU programs, starts and
+// stops machines, and does the disk work with qemu-img.
+class QEMUEngine : public VMToolsEngine
+{
+public:
+    struct InstallStatus
+    {
+        int code = 0;  // 0 installed, 1 not installed
+        QString message;
+    };
+
+    explicit QEMUEngine(const HostPlatform &platform = HostPlatform::current(),
+                        CpuidFunction cpuid = hostCpuid);
+    ~QEMUEngine() override;
+
+    void initialize() override;
+    QString name() const override;
+    QUrl downloadUrl() const override;
+    QString versionString() const override;
+    Version version() const override;
+    Version minimumVersion() const override;
+    Version maximumVersion() const override;
+    QStringList auxiliaryList1() const override;
+    QList<VMToolsMachine *> listMachines(const ProgressCallback &progress) override;
+    VMToolsMachine *loadMachine(const QString &name) override;
+    bool isMachineLoadable(const QString &name) override;
+    QString auxiliaryString1() const override;
+    VMToolsMachine *createMachine(const QString &name, const OsImage &image,
+                                  const HwProfile &profile, const QVariantMap &options) override;
+    int createDevice(const QString &name, const OsImage &image, const HwProfile &profile) override;
+    int startMachine(VMToolsMachine *machine, const QString &snapshotName) override;
+    bool stopMachine(VMToolsMachine *machine) override;
+    bool deleteMachine(VMToolsMachine *machine) override;
+    bool isAccelerationAvailable() override;
+    bool isSnapshotSupported(VMToolsMachine *machine) const override;
+    QStringList listSnapshots(VMToolsMachine *machine) override;
+    bool saveSnapshot(VMToolsMachine *machine, const QString &name) override;
+    bool deleteSnapshot(VMToolsMachine *machine, const QString &name) override;
+    bool applyMachineChange(VMToolsMachine *machine, const QString &newName,
+                            const QString &newUuid) override;
+    VMToolsMachine *cloneMachine(VMToolsMachine *source, const QString &newName) override;
+    bool copyFile(const QString &source, const QString &destination) override;
+    bool removeFile(const QString &path) override;
+    bool resizeDisk(VMToolsMachine *machine, const QString &diskPath, qint64 sizeMegabytes) override;
+    QString auxiliaryString2() const override;
+    QString sdcardDiskName() const override;
+    QStringList auxiliaryList2() const override;
+    QStringList auxiliaryList3() const override;
+    bool auxiliaryFlag() const override;
+    QStringList installationErrors() override;
+
+    InstallStatus checkInstallation(bool skipAccelerationProbe);
+    int findPortOffset();
+
+    // Disk work with qemu-img (qemuengine_disks.cpp).
+    bool createOverlayDisk(const QString &backingFile, const QString &targetFile);
+    int createSdCardDisk(const QString &deviceDirectory, qint64 sizeMegabytes);
+    bool convertToQcow2(const QString &sourceFile, const QString &targetFile);
+    int deployDevice(const QString &name, const QString &ovaSource, qint64 sdCardSizeMegabytes,
+                     const Version &first, const Version &second);
+    int factoryReset(VMToolsMachine *machine);
+
+    const HostPlatform &platform() const { return m_platform; }
+    QString qemuPath() const { return m_qemuPath; }
+    QString qemuImgPath() const { return m_qemuImgPath; }
+    QString shareDir() const { return m_shareDir; }
+    // The device directory of a name under the devices directory.
+    QString devicePath(const QString &name) const;
+
+private:
+    void probeAcceleration();
+    void queryVersion();
+
+    HostPlatform m_platform;
+    QString m_versionString;
+    QString m_qemuPath;
+    QString m_qemuImgPath;
+    QString m_shareDir;
+    bool m_accelerationSupported = true;
+};
