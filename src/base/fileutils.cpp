@@ -1,0 +1,71 @@
+#include "fileutils.h"
+
+#include "logging.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QJsonParseError>
+
+ReadResult readFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        Log::warning("Failed to open", path, file.errorString());
+        return {};
+    }
+    ReadResult result;
+    result.data = file.readAll();
+    if (file.error() != QFileDevice::NoError) {
+        Log::warning("Failed to read", path, file.errorString());
+        return {};
+    }
+    result.ok = true;
+    return result;
+}
+
+JsonReadResult readJsonFile(const QString &path)
+{
+    const ReadResult read = readFile(path);
+    if (!read.ok)
+        return {QJsonDocument(), 1};
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(read.data, &error);
+    if (error.error != QJsonParseError::NoError) {
+        Log::warning("Failed to read json from", path, error.errorString());
+        return {QJsonDocument(), 2};
+    }
+    return {document, 0};
+}
+
+void walkFiles(const QString &root, const QStringList &nameFilters,
+               const std::function<void(const QFileInfo &)> &callback)
+{
+    QDirIterator it(root, nameFilters, QDir::Files, QDirIterator::Subdirectories);
+    while (it.hasNext())
+        callback(QFileInfo(it.next()));
+}
+
+bool copyRecursively(const QString &source, const QString &destination)
+{
+    const QFileInfo info(source);
+    if (info.isFile()) {
+        QDir().mkpath(QFileInfo(destination).absolutePath());
+        return QFile::copy(source, destination);
+    }
+    if (info.isDir()) {
+        const QStringList entries = QDir(source).entryList(
+                QDir::Files | QDir::Dirs | QDir::NoSymLinks | QDir::NoDotAndDotDot);
+        for (const QString &entry : entries) {
+            const QString from = source + QLatin1Char('/') + entry;
+            const QString to = destination + QLatin1Char('/') + entry;
+            if (!copyRecursively(from, to)) {
+                Log::critical("Failed to copy", "from", from, "to", to);
+                return false;
+            }
+        }
+        return true;
+    }
+    Log::critical("Failed to copy", source, ". It's not a file nor a dir");
+    return false;
+}
