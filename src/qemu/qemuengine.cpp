@@ -1,0 +1,390 @@
+#include "qemuengine.h"
+
+#include "commandrunner.h"
+#include "errortriggers.h"
+#include "hostdirectories.h"
+#include "logging.h"
+#include "processutils.h"
+#include "productlinks.h"
+#include "qemuclient.h"
+#include "qemucommandline.h"
+#include "qemudiagnosis.h"
+#include "qemumachine.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QHostAddress>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QSet>
+#include <QTcpServer>
+#include <QTemporaryFile>
+#include <QThread>
+
+#include <memory>
+
+namespace {
+
+// How long QEMU gets to reject its accelerators before the probe reads its error output.
+constexpr unsigned long AccelerationProbeWaitMs = 1000;
+// Offsets step by 7 so that a device's ports never overlap its neighbour's.
+constexpr int PortOffsetStep = 7;
+constexpr int LastPortOffset = 699;
+
+QString binaryDirectory()
+{
+    const QString configured = qEnvironmentVariable("QV_QEMU_BIN_DIR");
+    return configured.isEmpty() ? defaultQemuDirectory() : configured;
+}
+
+// The hosts compare against bounds that must not move while they run, so each variable is
+// read once, on first use, and kept for the rest of the process.
+QString qemuVersionOverride()
+{
+    static const QString value = qEnvironmentVariable("QV_QEMU_VERSION");
+    return value;
+}
+
+QString minimumVersionOverride()
+{
+    static const QString value = qEnvironmentVariable("QV_QEMU_MIN_VERSION");
+    return value;
+}
+
+QString maximumVersionOverride()
+{
+    static const QString value = qEnvironmentVariable("QV_QEMU_MAX_VERSION");
+    return value;
+}
+
+QStringList supportedImageArchitectures()
+{
+    const QStringList configured = qEnvironmentVariable("QV_OSIMAGE_ARCH_LIST")
+                                           .split(QLatin1Char(';'), Qt::SkipEmptyParts);
+    if (!configured.isEmpty())
+        return configured;
+    return {QStringLiteral("x86"), QStringLiteral("x86_64")};
+}
+
+bool canListenOnAllForwards(int offset)
+{
+    for (const QemuCommandLine::PortForward &forward : QemuCommandLine::portForwards()) {
+        QTcpServer server;
+        if (!server.listen(QHostAddress::Any, quint16(forward.hostBase + offset)))
+            return false;
+        server.close();
+    }
+    return true;
+}
+
+} // namespace
+
+QEMUEngine::QEMUEngine(const HostPlatform &platform, CpuidFunction cpuid)
+    : VMToolsEngine(cpuid), m_platform(platform)
+{
+    const QDir binDir(binaryDirectory());
+    m_qemuPath = binDir.absoluteFilePath(m_platform.programName(QStringLiteral("qemu-system-x86_64")));
+    m_qemuImgPath = binDir.absoluteFilePath(m_platform.programName(QStringLiteral("qemu-img")));
+
+    // A missing "share" leaves the parent: QEMU then simply finds no firmware there.
+    QDir shareDir(binDir);
+    shareDir.cdUp();
+    shareDir.cd(QStringLiteral("share"));
+    m_shareDir = shareDir.absolutePath();
+
+    vmDebug("QEMU path:", m_qemuPath);
+}
+
+QEMUEngine::~QEMUEngine() = default;
+
+void QEMUEngine::initialize()
+{
+}
+
+QString QEMUEngine::name() const
+{
+    return QStringLiteral("QEMU");
+}
+
+QUrl QEMUEngine::downloadUrl() const
+{
+    return QUrl(QStringLiteral("https://www.qemu.org/download/"));
+}
+
+QString QEMUEngine::versionString() const
+{
+    return m_versionString;
+}
+
+Version QEMUEngine::version() const
+{
+    const QString configured = qemuVersionOverride();
+    return parseVersion(configured.isEmpty() ? m_versionString : configured);
+}
+
+Version QEMUEngine::minimumVersion() const
+{
+    const QString configured = minimumVersionOverride();
+    if (!configured.isEmpty())
+        return parseVersion(configured);
+    Version minimum;
+    minimum.majorVersion = 6;
+    minimum.minorVersion = 2;
+    return minimum;
+}
+
+Version QEMUEngine::maximumVersion() const
+{
+    const QString configured = maximumVersionOverride();
+    if (!configured.isEmpty())
+        return parseVersion(configured);
+    Version unbounded;
+    unbounded.majorVersion = -1;
+    return unbounded;
+}
+
+QStringList QEMUEngine::auxiliaryList1() const
+{
+    return {};
+}
+
+QList<VMToolsMachine *> QEMUEngine::listMachines(const ProgressCallback &progress)
+{
+    QList<VMToolsMachine *> machines;
+    const QStringList names = m_devicesDirectory.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    int done = 0;
+    for (const QString &name : names) {
+        if (VMToolsMachine *machine = loadMachine(name))
+            machines.append(machine);
+        if (progress)
+            progress(++done, int(names.size()));
+    }
+    return machines;
+}
+
+VMToolsMachine *QEMUEngine::loadMachine(const QString &name)
+{
+    auto machine = std::make_unique<QEMUMachine>(this, devicePath(name));
+    if (!machine->load())
+        return nullptr;
+    return machine.release();
+}
+
+bool QEMUEngine::isMachineLoadable(const QString &name)
+{
+    return std::unique_ptr<VMToolsMachine>(loadMachine(name)) != nullptr;
+}
+
+QString QEMUEngine::auxiliaryString1() const
+{
+    return {};
+}
+
+int QEMUEngine::startMachine(VMToolsMachine *vmMachine, const QString &snapshotName)
+{
+    auto *machine = dynamic_cast<QEMUMachine *>(vmMachine);
+    if (!machine) {
+        vmCritical("Cannot start a machine that QEMU does not run");
+        return QEMUMachine::StartFailed;
+    }
+
+    const QStringList architectures = supportedImageArchitectures();
+    const QString architecture = machine->osImage().arch;
+    if (!architectures.contains(architecture)) {
+        vmDebug(QStringLiteral("Incompatible OsImage arch (expected: %1, actual: %2)")
+                        .arg(architectures.join(QLatin1Char('|')), architecture));
+        return QEMUMachine::StartArchUnsupported;
+    }
+
+    if (machine->status() == VMToolsMachine::StateRunning) {
+        vmDebug("Virtual Machine status: on. Nothing to do.");
+        return QEMUMachine::StartRunning;
+    }
+
+    const int offset = findPortOffset();
+    if (offset < 0) {
+        vmCritical("Failed to determine a port offset");
+        return QEMUMachine::StartFailed;
+    }
+
+    QemuLaunchSpec spec;
+    spec.machinePath = machine->path();
+    spec.memoryMegabytes = machine->ramSize();
+    spec.cpuCount = machine->cpuCount();
+    spec.virtio = machine->usesVirtio();
+    spec.sdCardEnabled = machine->isSdCardInserted();
+    spec.snapshotName = snapshotName;
+    spec.portOffset = quint16(offset);
+    spec.shareDir = m_shareDir;
+    spec.showWindow = qEnvironmentVariableIsSet("QV_HYPERVISOR_WINDOW");
+    const QStringList arguments =
+            QemuCommandLine(m_platform).arguments(spec, qEnvironmentVariable("QV_QEMU_START_ARGS"));
+
+    vmDebug("Start command:", QemuCommandLine::startCommandText(m_qemuPath, arguments));
+    return machine->start(m_qemuPath, arguments, quint16(offset));
+}
+
+bool QEMUEngine::stopMachine(VMToolsMachine *vmMachine)
+{
+    auto *machine = dynamic_cast<QEMUMachine *>(vmMachine);
+    if (!machine)
+        return false;
+
+    QEMUClient client(quint16(machine->qmpPort()));
+    if (client.quit()) {
+        // The quit was accepted: whatever the wait finds, the stop counts as done.
+        machine->waitForQemuEnd();
+        return true;
+    }
+    vmCritical("Failed to quit VM gracefully");
+    return machine->killQemu();
+}
+
+bool QEMUEngine::deleteMachine(VMToolsMachine *machine)
+{
+    if (!machine)
+        return false;
+    vmDebug("deleteMachine() with path", machine->path());
+    return QDir(machine->path()).removeRecursively();
+}
+
+bool QEMUEngine::isAccelerationAvailable()
+{
+    if (ErrorTriggers::hypervisorError())
+        return false;
+    return m_accelerationSupported;
+}
+
+bool QEMUEngine::isSnapshotSupported(VMToolsMachine *) const
+{
+    return false;
+}
+
+QString QEMUEngine::auxiliaryString2() const
+{
+    return {};
+}
+
+QStringList QEMUEngine::auxiliaryList2() const
+{
+    return {};
+}
+
+QStringList QEMUEngine::auxiliaryList3() const
+{
+    return {};
+}
+
+bool QEMUEngine::auxiliaryFlag() const
+{
+    return false;
+}
+
+QStringList QEMUEngine::installationErrors()
+{
+    const InstallStatus status = checkInstallation(false);
+    if (status.code == 0)
+        return {};
+    return {status.message};
+}
+
+QEMUEngine::InstallStatus QEMUEngine::checkInstallation(bool skipAccelerationProbe)
+{
+    if (!skipAccelerationProbe)
+        probeAcceleration();
+    queryVersion();
+
+    // qemu-img is named first: without it no device can even be created.
+    QString missing;
+    if (ErrorTriggers::qemuNotInstalled() || !QFileInfo::exists(m_qemuImgPath))
+        missing = m_qemuImgPath;
+    else if (!QFileInfo::exists(m_qemuPath))
+        missing = m_qemuPath;
+    if (missing.isEmpty())
+        return {};
+
+    vmWarning("Could not find", missing);
+    InstallStatus status;
+    status.code = 1;
+    status.message = QCoreApplication::translate("QEMUEngine", "install.error.%1.%2")
+                             .arg(missing, ProductLinks::downloadLinkHtml());
+    return status;
+}
+
+int QEMUEngine::findPortOffset()
+{
+    // Devices that run already keep their offset even if their ports look free right now
+    // (a guest service may simply not listen yet).
+    QSet<int> heldOffsets;
+    const QList<VMToolsMachine *> machines = listMachines({});
+    for (VMToolsMachine *machine : machines) {
+        if (machine->status() == VMToolsMachine::StateRunning)
+            heldOffsets.insert(static_cast<QEMUMachine *>(machine)->portOffset());
+    }
+    qDeleteAll(machines);
+
+    for (int offset = 0; offset <= LastPortOffset; offset += PortOffsetStep) {
+        if (!heldOffsets.contains(offset) && canListenOnAllForwards(offset))
+            return offset;
+    }
+    return -1;
+}
+
+QString QEMUEngine::devicePath(const QString &name) const
+{
+    return m_devicesDirectory.absoluteFilePath(name);
+}
+
+void QEMUEngine::probeAcceleration()
+{
+    Log::debug("Checking QEMU acceleration support...");
+
+    QTemporaryFile errorOutput;
+    errorOutput.open();
+
+    QStringList arguments;
+    for (const QString &accelerator : m_platform.accelerators)
+        arguments << QStringLiteral("-accel") << accelerator;
+    arguments << QStringLiteral("-nographic");
+
+    // Without a machine QEMU puts its monitor on the standard streams: keep it away from
+    // the host's terminal.
+    QProcess process;
+    process.setProgram(m_qemuPath);
+    process.setArguments(arguments);
+    process.setStandardInputFile(QProcess::nullDevice());
+    process.setStandardOutputFile(QProcess::nullDevice(), QIODevice::Truncate);
+    process.setStandardErrorFile(errorOutput.fileName(), QIODevice::Truncate);
+    qint64 pid = 0;
+    if (!process.startDetached(&pid)) {
+        Log::critical("Failed to start QEMU process with cmd=", m_qemuPath, "and args=",
+                      arguments.join(QLatin1Char(' ')));
+        m_accelerationSupported = false;
+        return;
+    }
+
+    QThread::msleep(AccelerationProbeWaitMs);
+    const QemuDiagnosis diagnosis = diagnoseQemuErrors(errorOutput.fileName());
+    if (diagnosis == QemuDiagnosis::AcceleratorError)
+        Log::critical("A Hyper-V or HAXM issue is detected");
+    m_accelerationSupported = diagnosis != QemuDiagnosis::AcceleratorError;
+
+    // QEMU may have given up on its own already; only a live process needs ending.
+    if (isRunning(quint32(pid)))
+        destroyProcess(quint32(pid));
+    Log::debug("QEMU acceleration support", m_accelerationSupported);
+}
+
+void QEMUEngine::queryVersion()
+{
+    const CommandResult result = runCommand(m_qemuPath, {QStringLiteral("--version")});
+    if (result.exitCode != 0) {
+        vmCritical(m_qemuPath, "--version failed.");
+        return;
+    }
+    static const QRegularExpression pattern(QStringLiteral(".* version ([a-zA-Z0-9.-]*).*"));
+    const QRegularExpressionMatch match = pattern.match(result.output);
+    m_versionString = match.hasMatch() ? match.captured(1) : QString();
+    vmDebug("QEMU version string :", m_versionString);
+}
