@@ -1,0 +1,45 @@
+#pragma once
+
+#include <QFlags>
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+
+QT_BEGIN_NAMESPACE
+class QProcess;
+QT_END_NAMESPACE
+
+// What a run of an external tool gives back. Callers judge success by exitCode == 0.
+struct CommandResult
+{
+    qint32 exitCode = 0;  // -1 when cancelled
+    QString output;       // standard output, UTF-8
+    QString error;        // standard error, UTF-8; "canceled" when cancelled
+};
+
+enum RunFlag {
+    NoTimeout = 1,    // wait as long as the tool runs
+    LongTimeout = 2,  // 300000 ms instead of the default 30000 ms
+    Quiet = 4,        // none of the runner's own log lines, except the failure warning
+};
+Q_DECLARE_FLAGS(RunFlags, RunFlag)
+Q_DECLARE_OPERATORS_FOR_FLAGS(RunFlags)
+
+// Runs a tool to its end and captures both output streams. Runs are serialised across the
+// whole library, so it blocks while another thread's tool runs. A cancel callback is polled
+// about once a second; answering true kills the tool.
+CommandResult runCommand(const QString &program, const QStringList &arguments, RunFlags flags = {},
+                         std::function<bool()> cancel = {});
+
+// Waits up to timeoutMs (-1: no limit) for the process to finish; true when it did. On the
+// application's thread it runs a local event loop, so the host's interface keeps painting.
+bool waitForProcessFinished(QProcess &process, int timeoutMs);
+
+// Polls every 100 ms until the process with this id is no longer running; false after
+// timeoutMs.
+bool waitForProcessEnd(quint32 pid, int timeoutMs);
+
+// Replaces the 30000 ms default limit, so tests need not wait that long; 0 or less brings
+// the default back.
+void setDefaultCommandTimeoutForTesting(int ms);
