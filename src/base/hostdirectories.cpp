@@ -1,6 +1,7 @@
 #include "hostdirectories.h"
 
 #include "logging.h"
+#include "version.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -80,4 +81,9 @@ QString applicationDirectory()
 QString defaultQemuDirectory()
 {
     return applicationDirectory() + QStringLiteral("/qemu/x86_64");
+}
+
+QString systemImageDirectory(const Version &first, const Version &second)
+{
+    return systemImagesDirectory() + QLatin1Char('/') + first.toString() + QLatin1Char('/') + second.toString();
 }

@@ -1,5 +1,6 @@
 #include "hostdirectories.h"
 #include "logcapture.h"
+#include "version.h"
 
 #include <QtTest>
 
@@ -90,6 +91,7 @@ private slots:
     void builtOnceAcrossThreads();
     void laterHomeChangeHasNoEffect();
     void applicationPaths();
+    void systemImageDirectoryKeepsDoubledSeparator();
 
 private:
     QTemporaryDir m_home;
@@ -235,6 +237,21 @@ void tst_HostDirectories::applicationPaths()
 {
     QCOMPARE(applicationDirectory(), QCoreApplication::applicationDirPath());
     QCOMPARE(defaultQemuDirectory(), QCoreApplication::applicationDirPath() + "/qemu/x86_64");
+}
+
+void tst_HostDirectories::systemImageDirectoryKeepsDoubledSeparator()
+{
+    Version first;
+    first.majorVersion = 7;
+    first.minorVersion = 1;
+    Version second;
+    second.majorVersion = 2;
+    second.minorVersion = 0;
+    second.patchVersion = 3;
+    const QString path = systemImageDirectory(first, second);
+    QCOMPARE(path, systemImagesDirectory() + "/" + first.toString() + "/" + second.toString());
+    QVERIFY(path.contains("/system-images//"));
+    QCOMPARE(QDir::cleanPath(path), QDir::cleanPath(systemImagesDirectory() + first.toString() + "/" + second.toString()));
 }
 
 QTEST_GUILESS_MAIN(tst_HostDirectories)

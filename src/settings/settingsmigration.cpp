@@ -1,0 +1,110 @@
+#include "settingsmigration.h"
+
+#include "hostdirectories.h"
+#include "jsonsettings.h"
+#include "logging.h"
+
+#include <QDir>
+#include <QMap>
+#include <QSettings>
+
+namespace {
+
+const int CurrentVersion = 1;
+
+enum class Kind { String, Bool, Int, Base64 };
+// What an absent legacy key turns into: the type's empty value unless the row says otherwise.
+enum class Fallback { Empty, True, HomeDirectory, DevicesDirectory };
+
+struct Row
+{
+    const char *newKey;
+    const char *oldKey;
+    Kind kind;
+    Fallback fallback = Fallback::Empty;
+};
+
+const Row Rows[] = {
+    {"android_sdk.path", "android.sdk.path", Kind::String},
+    {"android_sdk.enabled", "android.sdk.use", Kind::Bool},
+    {"credentials.password", "credentials.password", Kind::Base64},
+    {"credentials.email", "customer.email", Kind::String},
+    {"eula.id-agreed", "eula-id.agreed", Kind::Int},
+    {"virtualbox.host_only_interface_name", "host.only.interface", Kind::String},
+    {"proxy.authentication.enabled", "proxy.authentication", Kind::Bool},
+    {"proxy.authentication.password", "proxy.authentication.password", Kind::String},
+    {"proxy.authentication.username", "proxy.authentication.username", Kind::String},
+    {"proxy.enabled", "proxy.enabled", Kind::Bool},
+    {"proxy.host", "proxy.host", Kind::String},
+    {"proxy.port", "proxy.port", Kind::Int},
+    {"proxy.type", "proxy.type", Kind::String},
+    {"screencast.directory", "configuration_screencast_save_folder", Kind::String, Fallback::HomeDirectory},
+    {"stats.enabled", "stats.send.stats", Kind::Bool, Fallback::True},
+    {"clipboard.sharing-enabled", "shared.clipboard", Kind::Bool, Fallback::True},
+    {"stats.installation_timestamp", "stats.installation.date", Kind::Int},
+    {"stats.last_update_timestamp", "stats.last", Kind::Int},
+    {"trusted.hosts", "trusted.hosts", Kind::String},
+    {"virtual_devices.directory", "vms.path", Kind::String, Fallback::DevicesDirectory},
+    {"changelog.last_seen_version", "whats.new.popup.last.version", Kind::String},
+};
+
+QVariant defaultFor(const Row &row)
+{
+    switch (row.fallback) {
+    case Fallback::True:
+        return true;
+    case Fallback::HomeDirectory:
+        return QDir::homePath();
+    case Fallback::DevicesDirectory:
+        return deployedDirectory();
+    case Fallback::Empty:
+        break;
+    }
+    switch (row.kind) {
+    case Kind::Bool:
+        return false;
+    case Kind::Int:
+        return 0;
+    case Kind::String:
+    case Kind::Base64:
+        break;
+    }
+    return QString();
+}
+
+QVariant convert(const QVariant &value, Kind kind)
+{
+    switch (kind) {
+    case Kind::String:
+        return value.toString();
+    case Kind::Bool:
+        return value.toBool();
+    case Kind::Int:
+        return value.toInt();
+    case Kind::Base64:
+        return QString::fromLatin1(value.toByteArray().toBase64());
+    }
+    return QVariant();
+}
+
+} // namespace
+
+void migrateSettings(QSettings &legacy, JsonSettings &target)
+{
+    const int version = target.value(QStringLiteral("version"), 0).toInt();
+    if (version != 0)
+        return;
+    Log::critical("Migrating settings since version is", version, "but expect version", CurrentVersion);
+
+    QMap<QString, QVariant> values;  // ordered by new key, the order the rows are written in
+    for (const Row &row : Rows) {
+        const QVariant legacyValue = legacy.value(QLatin1String(row.oldKey), defaultFor(row));
+        values.insert(QLatin1String(row.newKey), convert(legacyValue, row.kind));
+    }
+    for (auto it = values.cbegin(); it != values.cend(); ++it)
+        target.setValue(it.key(), it.value());
+
+    if (!target.value(QStringLiteral("virtualbox.host_only_interface_name")).toString().isEmpty())
+        target.setValue(QStringLiteral("hypervisor"), QStringLiteral("virtualbox"));
+    target.setValue(QStringLiteral("version"), CurrentVersion);
+}
