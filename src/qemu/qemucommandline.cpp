@@ -1,0 +1,215 @@
+#include "qemucommandline.h"
+
+#include "logging.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QRegularExpression>
+
+#include <limits>
+
+namespace {
+
+QString diskPath(const QString &machinePath, const QString &fileName)
+{
+    return QDir(machinePath).filePath(fileName);
+}
+
+QString networkWithForwards(quint16 portOffset)
+{
+    QString value = QStringLiteral("user,id=net0,model=virtio-net-pci,net=10.0.2.0/24");
+    for (const QemuCommandLine::PortForward &forward : QemuCommandLine::portForwards()) {
+        value += QStringLiteral(",hostfwd=tcp::%1-:%2")
+                         .arg(int(forward.hostBase) + portOffset)
+                         .arg(forward.guest);
+    }
+    return value;
+}
+
+// The index group may hold more digits than any integer: such an index can never name
+// an occurrence, but its sign still decides between "remove all" and "remove one".
+qint64 parseIndex(const QString &text)
+{
+    bool ok = false;
+    const qint64 index = text.toLongLong(&ok);
+    if (ok)
+        return index;
+    return text.startsWith(QLatin1Char('-')) ? std::numeric_limits<qint64>::min()
+                                             : std::numeric_limits<qint64>::max();
+}
+
+void applyOverride(QemuOptionMap &options, const QString &key, const QString &value,
+                   const QString &indexText)
+{
+    const bool hasIndex = !indexText.isEmpty();
+    const qint64 index = hasIndex ? parseIndex(indexText) : 0;
+
+    if (value.isEmpty()) {
+        if (hasIndex && index >= 0)
+            options.removeAt(key, index);
+        else
+            options.remove(key);
+        return;
+    }
+
+    if (!options.contains(key)) {
+        if (value == QLatin1String("true"))
+            options.addFlag(key);
+        else
+            options.addText(key, value);
+        return;
+    }
+
+    if (!hasIndex) {
+        options.replaceText(key, options.count(key) - 1, value);
+    } else if (index == -1) {
+        options.addText(key, value);
+    } else if (!options.replaceText(key, index, value)) {
+        vmWarning("Ignoring QEMU option override", key + QLatin1Char('[') + indexText
+                          + QLatin1Char(']'),
+                  "- no such occurrence");
+    }
+}
+
+} // namespace
+
+QemuCommandLine::QemuCommandLine(const HostPlatform &platform)
+    : m_platform(platform)
+{
+}
+
+const QVector<QemuCommandLine::PortForward> &QemuCommandLine::portForwards()
+{
+    // Guest ADB listens on 5555; the other services keep their number on both sides.
+    static const QVector<PortForward> forwards = {
+        {6555, 5555},   {6379, 6379},   {22468, 22468}, {24297, 24297},
+        {24296, 24296}, {24800, 24800}, {24810, 24810}, {25000, 25000},
+    };
+    return forwards;
+}
+
+QString QemuCommandLine::diskDriveSpec(const QString &path, bool virtio)
+{
+    QString spec = QStringLiteral("file=%1,format=qcow2").arg(path);
+    if (virtio)
+        spec += QStringLiteral(",if=virtio");
+    return spec;
+}
+
+QemuOptionMap QemuCommandLine::defaultOptions(const QemuLaunchSpec &spec) const
+{
+    const QString drive = QStringLiteral("-drive");
+    QemuOptionMap options;
+
+    options.addText(drive, diskDriveSpec(diskPath(spec.machinePath, QStringLiteral("system.qcow2")),
+                                         spec.virtio));
+    options.addText(drive, diskDriveSpec(diskPath(spec.machinePath, QStringLiteral("data.qcow2")),
+                                         spec.virtio));
+    options.addText(QStringLiteral("-object"), QStringLiteral("iothread,id=disk-iothread"));
+    if (!m_platform.arm64)
+        options.addText(QStringLiteral("-vga"), QStringLiteral("std"));
+
+    if (spec.sdCardEnabled) {
+        const QString sdCard = diskPath(spec.machinePath, QStringLiteral("sdcard.qcow2"));
+        const QFileInfo info(sdCard);
+        // A missing card only costs the device its external storage, so the start goes on.
+        if (info.exists() && info.isReadable() && info.isWritable()) {
+            options.addText(drive, diskDriveSpec(sdCard, spec.virtio));
+        } else {
+            vmWarning("Failed to mount SdCard disk", sdCard,
+                      ", disk is either missing or doesn't have RW permission.");
+        }
+    }
+
+    options.addText(QStringLiteral("-m"), QStringLiteral("%1M").arg(spec.memoryMegabytes));
+    options.addText(QStringLiteral("-smp"), QString::number(spec.cpuCount));
+    if (m_platform.arm64)
+        options.addText(QStringLiteral("-bios"), spec.shareDir + QStringLiteral("/QEMU_EFI.fd"));
+    // Two dashes on purpose: the sound card sorts apart from the "-device" entries.
+    options.addText(QStringLiteral("--device"), QStringLiteral("ac97,audiodev=snd0"));
+    options.addText(QStringLiteral("-audiodev"), m_platform.audioDevice);
+    for (const QString &accelerator : m_platform.accelerators)
+        options.addText(QStringLiteral("-accel"), accelerator);
+    if (m_platform.arm64)
+        options.addText(QStringLiteral("-M"), QStringLiteral("virt"));
+
+    options.addText(QStringLiteral("-nic"), networkWithForwards(spec.portOffset));
+    options.addText(QStringLiteral("-nic"),
+                    QStringLiteral("user,id=net1,model=virtio-net-pci,net=10.0.3.0/24"));
+
+    const QString sharedFolder = QStringLiteral("shared");
+    if (spec.snapshotName.isEmpty() && !spec.virtio) {
+        vmDebug("No shapshot available. Load shared folder drive.");
+        options.addText(drive, QStringLiteral("format=vvfat,label=shared,id=shared,file=fat:rw:%1/%2")
+                                       .arg(spec.machinePath, sharedFolder));
+    }
+    // A snapshot restores a guest that already saw the folder; with virtio the guest may
+    // have cached it, so it never gets write access then.
+    if (spec.virtio) {
+        options.addText(drive, QStringLiteral("format=vvfat,label=shared,file=fat:ro:%1/%2,if=virtio")
+                                       .arg(spec.machinePath, sharedFolder));
+    }
+    if (!spec.snapshotName.isEmpty()) {
+        vmDebug("Starting from snapshot", spec.snapshotName);
+        options.addText(QStringLiteral("-loadvm"), spec.snapshotName);
+    }
+
+    options.addText(QStringLiteral("-qmp"), QStringLiteral("tcp:localhost:%1,server,nowait")
+                                                    .arg(QmpBasePort + int(spec.portOffset)));
+    if (!spec.showWindow) {
+        options.addFlag(QStringLiteral("-nographic"));
+        options.addFlag(QStringLiteral("-nodefaults"));
+    }
+    options.addText(QStringLiteral("-device"), QStringLiteral("virtio-rng-pci"));
+    return options;
+}
+
+void QemuCommandLine::applyOverrides(QemuOptionMap &options, const QString &overrides)
+{
+    static const QRegularExpression entryPattern(
+            QStringLiteral("(?<key>-\\w+)(\\[(?<index>[-]?\\d+)\\])?=(?<value>.*)"));
+
+    const QStringList entries = overrides.split(QLatin1Char('&'));
+    for (const QString &entry : entries) {
+        const QRegularExpressionMatch match = entryPattern.match(entry);
+        if (!match.hasMatch())
+            continue;
+        applyOverride(options, match.captured(QStringLiteral("key")),
+                      match.captured(QStringLiteral("value")), match.captured(QStringLiteral("index")));
+    }
+}
+
+QStringList QemuCommandLine::flatten(const QemuOptionMap &options)
+{
+    QStringList arguments;
+    const QStringList names = options.names();
+    for (const QString &name : names) {
+        const QVector<QemuOptionMap::Value> values = options.values(name);
+        for (const QemuOptionMap::Value &value : values) {
+            if (!value.isFlag) {
+                arguments << name << value.text;
+            } else if (value.flag) {
+                arguments << name;
+            }
+        }
+    }
+    return arguments;
+}
+
+QStringList QemuCommandLine::arguments(const QemuLaunchSpec &spec, const QString &overrides) const
+{
+    QemuOptionMap options = defaultOptions(spec);
+    applyOverrides(options, overrides);
+    return flatten(options);
+}
+
+QString QemuCommandLine::startCommandText(const QString &program, const QStringList &arguments)
+{
+    QString text = QLatin1Char('"') + program + QLatin1Char('"');
+    for (const QString &argument : arguments) {
+        if (argument.startsWith(QLatin1Char('-')))
+            text += QStringLiteral(" \\\n");
+        text += QLatin1Char('"') + argument + QStringLiteral("\" ");
+    }
+    return text.trimmed();
+}
