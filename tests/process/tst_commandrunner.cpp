@@ -11,7 +11,6 @@
 #include <QThread>
 #include <QtTest>
 
-#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -209,7 +208,7 @@ void tst_CommandRunner::cancel()
     QCOMPARE(result.error, QStringLiteral("canceled"));
     QCOMPARE(polls, 3);
     // Polled at once, then about once a second.
-    QVERIFY2(pollTimes.at(1) >= 900 && pollTimes.at(1) < 2000, qPrintable(QString::number(pollTimes.at(1))));
+    QVERIFY2(pollTimes.at(1) >= 900 && pollTimes.at(1) < 3000, qPrintable(QString::number(pollTimes.at(1))));
     QVERIFY2(pollTimes.at(2) - pollTimes.at(1) >= 900, qPrintable(QString::number(pollTimes.at(2))));
     QVERIFY2(log.contains(QtWarningMsg, QStringLiteral("[VMTools] -1 canceled ")), qPrintable(log.dump()));
     QVERIFY(!log.containsPrefix(QtCriticalMsg, QStringLiteral("[VMTools] Can't run")));
@@ -276,7 +275,7 @@ void tst_CommandRunner::timeLimit()
 void tst_CommandRunner::concurrentCallersAreSerialised()
 {
     constexpr int Callers = 8;
-    constexpr int RunMs = 150;
+    constexpr int RunMs = 400;
     QJsonArray rules;
     for (int i = 0; i < Callers; ++i) {
         rules.append(QJsonObject{{"match", QJsonArray{QStringLiteral("id-%1").arg(i)}},
@@ -288,29 +287,26 @@ void tst_CommandRunner::concurrentCallersAreSerialised()
     QElapsedTimer clock;
     clock.start();
     QVector<CommandResult> results(Callers);
-    QVector<qint64> ends(Callers, -1);
     std::vector<std::unique_ptr<QThread>> threads;
     const QString program = m_tool->path();
     for (int i = 0; i < Callers; ++i) {
-        threads.emplace_back(QThread::create([&, i] {
-            results[i] = runCommand(program, {QStringLiteral("id-%1").arg(i)});
-            ends[i] = clock.elapsed();
-        }));
+        threads.emplace_back(QThread::create(
+                [&, i] { results[i] = runCommand(program, {QStringLiteral("id-%1").arg(i)}); }));
         threads.back()->start();
     }
     bool allEnded = true;
     for (const auto &thread : threads)
         allEnded = thread->wait(60000) && allEnded;
     QVERIFY2(allEnded, "a caller is stuck");
+    const qint64 elapsed = clock.elapsed();
 
     for (int i = 0; i < Callers; ++i) {
         QCOMPARE(results.at(i).exitCode, 0);
         QCOMPARE(results.at(i).output, QString::number(i));
     }
-    // One at a time: every run of the tool takes its full time after the previous one ended.
-    std::sort(ends.begin(), ends.end());
-    for (int i = 1; i < Callers; ++i)
-        QVERIFY2(ends.at(i) - ends.at(i - 1) >= RunMs - 20, qPrintable(QString::number(ends.at(i) - ends.at(i - 1))));
+    // One at a time, the runs cannot take less than their sum; side by side they would take
+    // little more than one.
+    QVERIFY2(elapsed >= Callers * RunMs, qPrintable(QString::number(elapsed)));
 }
 
 void tst_CommandRunner::waitForProcessFinished_data()

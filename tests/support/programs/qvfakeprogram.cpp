@@ -180,13 +180,18 @@ int main(int argc, char *argv[])
         fail(QStringLiteral("the rules file does not hold an object"));
     const QJsonObject config = document.object();
 
-    // Stand-ins of one name may run side by side; the lock keeps their files consistent.
+    // Stand-ins of one name may run side by side; the lock keeps their record and count
+    // files consistent. Runs that keep no files do not wait for it.
     QLockFile lock(self + QLatin1String(".lock"));
-    if (!lock.tryLock(10000))
-        fail(QStringLiteral("cannot lock %1").arg(lock.error()));
+    auto ensureLocked = [&lock] {
+        if (!lock.isLocked() && !lock.tryLock(10000))
+            fail(QStringLiteral("cannot lock %1").arg(lock.error()));
+    };
 
-    if (field(config, "calls", QJsonValue::Bool).toBool())
+    if (field(config, "calls", QJsonValue::Bool).toBool()) {
+        ensureLocked();
         recordCall(self + QLatin1String(".calls"), arguments);
+    }
 
     const QString joined = arguments.join(QLatin1Char(' '));
     const QJsonArray rules = field(config, "rules", QJsonValue::Array).toArray();
@@ -197,12 +202,17 @@ int main(int argc, char *argv[])
         if (!matches(rule, joined))
             continue;
         const int times = intField(rule, "times", -1);
-        if (times >= 0 && !takeUse(self + QLatin1String(".count.") + QString::number(i), times))
-            continue;
-        lock.unlock();
+        if (times >= 0) {
+            ensureLocked();
+            if (!takeUse(self + QLatin1String(".count.") + QString::number(i), times))
+                continue;
+        }
+        if (lock.isLocked())
+            lock.unlock();
         return runRule(rule, arguments);
     }
-    lock.unlock();
+    if (lock.isLocked())
+        lock.unlock();
 
     const QString passthrough = field(config, "passthrough", QJsonValue::String).toString();
     if (!passthrough.isEmpty())
