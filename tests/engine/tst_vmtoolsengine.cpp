@@ -109,8 +109,6 @@ private slots:
     void extractFailures();
     void extractRealOva_data();
     void extractRealOva();
-    void archivePath_data();
-    void archivePath();
 
 private:
     QString makeOva(const QString &name);
@@ -374,7 +372,8 @@ void tst_VMToolsEngine::extractRealOva_data()
 
     QTest::newRow("absolute path") << "path" << 1;
     QTest::newRow("file url") << "file" << 2;
-    QTest::newRow("download url, file in the ova directory") << "https" << 3;
+    QTest::newRow("vendor address, file in the ova directory") << "vendor" << 3;
+    QTest::newRow("download url with query, file in the ova directory") << "https" << 4;
 }
 
 void tst_VMToolsEngine::extractRealOva()
@@ -397,7 +396,9 @@ void tst_VMToolsEngine::extractRealOva()
     } else {
         const QString name = QStringLiteral("download%1.ova").arg(patch);
         QVERIFY(QFile::copy(archive, ovaDirectory() + name));
-        image.imageUri = QStringLiteral("https://images.example.com/dists/11.0/ova/") + name;
+        image.imageUri = (uriKind == QLatin1String("vendor")
+                                  ? QStringLiteral("{{VENDOR}}/dists/11.0/ova/%1")
+                                  : QStringLiteral("https://images.example.com/ova/%1?token=1")).arg(name);
     }
 
     TestEngine engine(fakeCpuid);
@@ -410,31 +411,6 @@ void tst_VMToolsEngine::extractRealOva()
     QVERIFY(target.exists(QStringLiteral("image.ovf")));
     QVERIFY(!target.exists(QStringLiteral("sdcard.vmdk")));
     QCOMPARE(engine.removedFiles, QStringList{target.absoluteFilePath(QStringLiteral("sdcard.vmdk"))});
-}
-
-void tst_VMToolsEngine::archivePath_data()
-{
-    QTest::addColumn<QString>("uri");
-    QTest::addColumn<QString>("inOvaDirectory");  // null: the path is expected as "local"
-    QTest::addColumn<QString>("local");
-
-    QTest::newRow("absolute path") << "/images/a.ova" << QString() << "/images/a.ova";
-    QTest::newRow("file url") << "file:///images/b%20c.ova" << QString() << "/images/b c.ova";
-    QTest::newRow("vendor address") << "{{VENDOR}}/dists/11.0/ova/d.ova" << "d.ova" << QString();
-    QTest::newRow("https with query") << "https://example.com/dl/e.ova?token=1" << "e.ova" << QString();
-    QTest::newRow("bare name") << "f.ova" << "f.ova" << QString();
-}
-
-void tst_VMToolsEngine::archivePath()
-{
-    QFETCH(QString, uri);
-    QFETCH(QString, inOvaDirectory);
-    QFETCH(QString, local);
-
-    OsImage image;
-    image.imageUri = uri;
-    const QString expected = inOvaDirectory.isNull() ? local : ovaDirectory() + inOvaDirectory;
-    QCOMPARE(VMToolsEngine::archivePath(image), expected);
 }
 
 QTEST_GUILESS_MAIN(tst_VMToolsEngine)

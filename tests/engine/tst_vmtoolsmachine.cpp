@@ -87,10 +87,7 @@ void apply(VMToolsMachine &m, const QString &op)
     else if (op == "gl_es_api_level") m.setGlEsApiLevel(QStringLiteral("3.1"));
     else if (op == "generic") m.setConfigurationValue(QStringLiteral("custom"), 42);
     else if (op == "ram") m.setRamSize(2048);
-    else if (op == "cpu") m.setCpuCount(2);
-    else if (op == "form factor") m.setFormFactor(HwProfile::FormFactor::TABLET);
     else if (op == "model") m.setProductModel(QStringLiteral("Other"));
-    else if (op == "serialno") m.setSerialno(QStringLiteral("SN1"));
     else if (op == "os image name") m.setOsImageName(QStringLiteral("renamed"));
     else if (op == "bottom radius") m.setBottomCornerRadius(7);
     else if (op == "top radius") m.setTopCornerRadius(8);
@@ -110,10 +107,7 @@ QVariant read(const VMToolsMachine &m, const QString &op)
     if (op == "gl_es_api_level") return m.glEsApiLevel();
     if (op == "generic") return m.configurationValue(QStringLiteral("custom"));
     if (op == "ram") return m.ramSize();
-    if (op == "cpu") return m.cpuCount();
-    if (op == "form factor") return m.formFactorCode();
     if (op == "model") return m.productModel();
-    if (op == "serialno") return m.serialno();
     if (op == "os image name") return m.osImageName();
     if (op == "bottom radius") return m.bottomCornerRadius();
     if (op == "top radius") return m.topCornerRadius();
@@ -170,8 +164,6 @@ private slots:
     void deleteSnapshotFiles();
     void virtioFlag_data();
     void virtioFlag();
-    void formFactorCode_data();
-    void formFactorCode();
     void configurationValue_data();
     void configurationValue();
 
@@ -282,10 +274,7 @@ void tst_VMToolsMachine::settersPersistAtOnce_data()
     QTest::newRow("gl_es_api_level") << "gl_es_api_level" << QVariant("3.1");
     QTest::newRow("generic") << "generic" << QVariant("42");
     QTest::newRow("ram") << "ram" << QVariant(qint64(2048));
-    QTest::newRow("cpu") << "cpu" << QVariant(2);
-    QTest::newRow("form factor") << "form factor" << QVariant("tp");
     QTest::newRow("model") << "model" << QVariant("Other");
-    QTest::newRow("serialno") << "serialno" << QVariant("SN1");
     QTest::newRow("os image name") << "os image name" << QVariant("renamed");
     QTest::newRow("bottom radius") << "bottom radius" << QVariant(7);
     QTest::newRow("top radius") << "top radius" << QVariant(8);
@@ -523,27 +512,6 @@ void tst_VMToolsMachine::virtioFlag()
     QCOMPARE(machine.usesVirtio(), virtio);
 }
 
-void tst_VMToolsMachine::formFactorCode_data()
-{
-    QTest::addColumn<HwProfile::FormFactor>("formFactor");
-    QTest::addColumn<QString>("code");
-
-    QTest::newRow("phone") << HwProfile::FormFactor::PHONE << "p";
-    QTest::newRow("tablet") << HwProfile::FormFactor::TABLET << "tp";
-    QTest::newRow("watch") << HwProfile::FormFactor::WATCH << "p";
-    QTest::newRow("tv") << HwProfile::FormFactor::TV << "p";
-}
-
-void tst_VMToolsMachine::formFactorCode()
-{
-    QFETCH(HwProfile::FormFactor, formFactor);
-    QFETCH(QString, code);
-
-    TestMachine machine(devicePath());
-    QVERIFY(machine.setFormFactor(formFactor));
-    QCOMPARE(machine.formFactorCode(), code);
-}
-
 void tst_VMToolsMachine::configurationValue_data()
 {
     QTest::addColumn<QVariant>("stored");  // invalid: key absent
@@ -554,7 +522,6 @@ void tst_VMToolsMachine::configurationValue_data()
     QTest::newRow("empty string") << QVariant(QString()) << fallback;
     QTest::newRow("text") << QVariant("abc") << QVariant("abc");
     QTest::newRow("bool as text") << QVariant(false) << QVariant("false");
-    QTest::newRow("number as text") << QVariant(5) << QVariant("5");
     QTest::newRow("object has no text") << QVariant(QVariantMap{{"a", 1}}) << fallback;
 }
 
