@@ -291,7 +291,8 @@ void tst_OsImage::badInput_data()
 {
     QTest::addColumn<QByteArray>("bytes");
     QTest::newRow("empty") << QByteArray();
-    QTest::newRow("garbage") << QByteArray("\x00\x01\x02 not json", 14);
+    static const char garbage[] = "\x00\x01\x02 not json";
+    QTest::newRow("garbage") << QByteArray(garbage, sizeof garbage - 1);
     QTest::newRow("all wrong types") << QByteArray(
             R"({"version":"1.1.0","name":1,"uuid":[],"build_date":5,"source":{},"os_version":[],"image_version":null,"arch":true})");
     QTest::newRow("all null") << QByteArray(
