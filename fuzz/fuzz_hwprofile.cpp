@@ -23,7 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static const QtMessageHandler previous = qInstallMessageHandler(quiet);
     Q_UNUSED(previous);
-    const QByteArray bytes = QByteArray::fromRawData(reinterpret_cast<const char *>(data), int(size));
+    const QByteArray bytes =
+            QByteArray::fromRawData(reinterpret_cast<const char *>(data), int(size));
     const HwProfile profile = parseHwProfile(QJsonDocument::fromJson(bytes).object());
     // Whatever was accepted must survive being written and read again.
     const HwProfile again = parseHwProfile(serializeHwProfile(profile));

@@ -23,7 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static const QtMessageHandler previous = qInstallMessageHandler(quiet);
     Q_UNUSED(previous);
-    const QByteArray bytes = QByteArray::fromRawData(reinterpret_cast<const char *>(data), int(size));
+    const QByteArray bytes =
+            QByteArray::fromRawData(reinterpret_cast<const char *>(data), int(size));
     OsImage image = parseOsImage(QJsonDocument::fromJson(bytes).object());
     const OsImage again = parseOsImage(serializeOsImage(image));
     (void)again;
