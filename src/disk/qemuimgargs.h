@@ -3,8 +3,8 @@
 #include <QString>
 #include <QStringList>
 
-// Argument lists of the qemu-img runs that the disk work needs, and the parser of its
-// snapshot table, kept apart from running the tool.
+// Argument lists of the qemu-img runs that the disk work needs, kept apart from running
+// the tool so that every caller spells them the same way.
 namespace QemuImgArgs {
 
 QStringList createOverlay(const QString &backingFile, const QString &targetFile);

@@ -1,0 +1,42 @@
+#include "qemuimgargs.h"
+
+namespace QemuImgArgs {
+
+QString megabytes(qint64 sizeMegabytes)
+{
+    return QString::number(sizeMegabytes) + QLatin1Char('M');
+}
+
+QStringList createOverlay(const QString &backingFile, const QString &targetFile)
+{
+    return {QStringLiteral("create"), QStringLiteral("-f"), QStringLiteral("qcow2"),
+            QStringLiteral("-b"), backingFile, QStringLiteral("-F"), QStringLiteral("qcow2"), targetFile};
+}
+
+QStringList createDisk(const QString &path, qint64 sizeMegabytes)
+{
+    return {QStringLiteral("create"), QStringLiteral("-f"), QStringLiteral("qcow2"), path,
+            megabytes(sizeMegabytes)};
+}
+
+QStringList convertToQcow2(const QString &sourceFile, const QString &targetFile)
+{
+    return {QStringLiteral("convert"), QStringLiteral("-O"), QStringLiteral("qcow2"), sourceFile, targetFile};
+}
+
+QStringList listSnapshots(const QString &diskFile)
+{
+    return {QStringLiteral("snapshot"), QStringLiteral("-l"), diskFile};
+}
+
+QStringList deleteSnapshot(const QString &name, const QString &diskFile)
+{
+    return {QStringLiteral("snapshot"), QStringLiteral("-d"), name, diskFile};
+}
+
+QStringList resize(const QString &path, qint64 sizeMegabytes)
+{
+    return {QStringLiteral("resize"), path, megabytes(sizeMegabytes)};
+}
+
+} // namespace QemuImgArgs

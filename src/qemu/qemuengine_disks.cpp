@@ -1,0 +1,372 @@
+// QEMUEngine's disk work: snapshots, device creation and deployment, clone, factory reset
+// and single-file operations, all done with qemu-img through the command runner.
+
+#include "qemuengine.h"
+
+#include "commandrunner.h"
+#include "filecopy.h"
+#include "fileutils.h"
+#include "hostdirectories.h"
+#include "logging.h"
+#include "qemuclient.h"
+#include "qemuimgargs.h"
+#include "qemumachine.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+#include <memory>
+
+namespace {
+
+const QString SystemDisk = QStringLiteral("system.qcow2");
+const QString DataDisk = QStringLiteral("data.qcow2");
+const QString SdCardDisk = QStringLiteral("sdcard.qcow2");
+
+// Removes a directory that an operation started to make, unless the operation got to its end.
+class DirectoryGuard
+{
+public:
+    explicit DirectoryGuard(const QString &path) : m_path(path) {}
+    ~DirectoryGuard()
+    {
+        if (m_armed)
+            QDir(m_path).removeRecursively();
+    }
+    void disarm() { m_armed = false; }
+
+private:
+    QString m_path;
+    bool m_armed = true;
+};
+
+QString diskPath(const QString &directory, const QString &disk)
+{
+    return QDir(directory).absoluteFilePath(disk);
+}
+
+QString referenceDirectory(const OsImage &image)
+{
+    return systemImageDirectory(image.osVersion, image.imageVersion);
+}
+
+} // namespace
+
+bool QEMUEngine::createOverlayDisk(const QString &backingFile, const QString &targetFile)
+{
+    const QFileInfo backing(backingFile);
+    if (!backing.exists()) {
+        vmCritical("Backing disk file not found:", backing.absoluteFilePath());
+        return false;
+    }
+    const QString target = QFileInfo(targetFile).absoluteFilePath();
+    const CommandResult result =
+        runCommand(m_qemuImgPath, QemuImgArgs::createOverlay(backing.absoluteFilePath(), target));
+    // qemu-img may complain and still make the disk: the file is what counts.
+    if (QFileInfo::exists(target))
+        return true;
+    vmCritical("Failed to create disk", target, ".", result.error);
+    return false;
+}
+
+int QEMUEngine::createSdCardDisk(const QString &deviceDirectory, qint64 sizeMegabytes)
+{
+    const QString path = diskPath(deviceDirectory, SdCardDisk);
+    const CommandResult result = runCommand(m_qemuImgPath, QemuImgArgs::createDisk(path, sizeMegabytes));
+    if (result.exitCode != 0 || !QFileInfo::exists(path)) {
+        vmCritical("Failed to create", path, result.output, result.error);
+        return result.exitCode != 0 ? result.exitCode : 1;
+    }
+    return 0;
+}
+
+bool QEMUEngine::convertToQcow2(const QString &sourceFile, const QString &targetFile)
+{
+    if (!QFileInfo::exists(sourceFile)) {
+        vmCritical("Disk file not found:", sourceFile);
+        return false;
+    }
+    const CommandResult result = runCommand(m_qemuImgPath, QemuImgArgs::convertToQcow2(sourceFile, targetFile));
+    if (result.exitCode != 0 || !QFileInfo::exists(targetFile)) {
+        vmCritical("Failed to convert", sourceFile, "to", targetFile, result.error);
+        // A half-written reference disk would be taken for a good one next time.
+        QFile::remove(targetFile);
+        return false;
+    }
+    return true;
+}
+
+int QEMUEngine::deployDevice(const QString &name, const QString &ovaSource, qint64 sdCardSizeMegabytes,
+                             const Version &first, const Version &second)
+{
+    if (machineExists(name)) {
+        vmCritical("Can't create already existing device", name);
+        return 1;
+    }
+    const QString device = devicePath(name);
+    DirectoryGuard guard(device);
+    if (QFileInfo::exists(device) && !QDir(device).removeRecursively()) {
+        vmCritical("Failed to clean", device);
+        return 1;
+    }
+    if (!QDir().mkpath(device)) {
+        vmCritical("Failed to create directory", name, "in", m_devicesDirectory.absolutePath());
+        return 1;
+    }
+
+    const QString reference = systemImageDirectory(first, second);
+    if (!extractSystemImage(ovaSource, first, second)) {
+        vmCritical("Failed to extract OVA");
+        return 1;
+    }
+    const QString referenceSystem = diskPath(reference, SystemDisk);
+    const QString referenceData = diskPath(reference, DataDisk);
+    if (!QFileInfo::exists(referenceSystem)
+        && !convertToQcow2(diskPath(reference, QStringLiteral("system.vmdk")), referenceSystem)) {
+        vmCritical("Failed to get system disk info");
+        return 1;
+    }
+    if (!QFileInfo::exists(referenceData)
+        && !convertToQcow2(diskPath(reference, QStringLiteral("data.vmdk")), referenceData)) {
+        vmCritical("Failed to get data disk info");
+        return 1;
+    }
+    if (!createOverlayDisk(referenceSystem, diskPath(device, SystemDisk))) {
+        vmCritical("Failed to create disks");
+        return 1;
+    }
+    if (!copyFile(referenceData, diskPath(device, DataDisk))) {
+        vmCritical("Failed to copy reference data disk to local one");
+        return 1;
+    }
+    if (sdCardSizeMegabytes != 0 && createSdCardDisk(device, sdCardSizeMegabytes) != 0) {
+        vmCritical("Failed to create sdcard disk");
+        return 1;
+    }
+    guard.disarm();
+    return 0;
+}
+
+int QEMUEngine::createDevice(const QString &name, const OsImage &image, const HwProfile &profile)
+{
+    if (machineExists(name)) {
+        vmCritical("Can't create already existing device", name);
+        return 1;
+    }
+    const int deployed = deployDevice(name, archivePath(image), profile.sdCardSize, image.osVersion,
+                                      image.imageVersion);
+    if (deployed != 0) {
+        vmCritical("Failed to create device");
+        return deployed;
+    }
+    QEMUMachine machine(this, devicePath(name), profile, image);
+    if (!machine.setup(profile, image)) {
+        vmCritical("Failed to save device");
+        QDir(devicePath(name)).removeRecursively();
+        return 1;
+    }
+    return 0;
+}
+
+VMToolsMachine *QEMUEngine::createMachine(const QString &name, const OsImage &image,
+                                          const HwProfile &profile, const QVariantMap &options)
+{
+    if (createDevice(name, image, profile) != 0)
+        return nullptr;
+    VMToolsMachine *machine = loadMachine(name);
+    if (!machine)
+        return nullptr;
+    for (auto it = options.cbegin(); it != options.cend(); ++it)
+        machine->setConfigurationValue(it.key(), it.value());
+    return machine;
+}
+
+int QEMUEngine::factoryReset(VMToolsMachine *machine)
+{
+    if (!machine) {
+        vmCritical("Cannot factory reset null machine");
+        return 2;
+    }
+    const QString reference = referenceDirectory(machine->osImage());
+    const QString referenceSystem = diskPath(reference, SystemDisk);
+    const QString referenceData = diskPath(reference, DataDisk);
+    if (!QFileInfo::exists(referenceSystem) || !QFileInfo::exists(referenceData)) {
+        vmCritical("Reference disks don't exist");
+        const bool upgraded =
+            machine->configurationValue(QStringLiteral("device_upgraded_at_least_once"), false).toBool();
+        return upgraded ? 3 : 2;
+    }
+
+    const QString device = machine->path();
+    QTemporaryDir backupRoot;
+    const QString backup = backupRoot.path() + QStringLiteral("/device");
+    if (!backupRoot.isValid() || !copyRecursively(device, backup)) {
+        vmCritical("Failed to backup", device);
+        return 2;
+    }
+
+    const QString system = diskPath(device, SystemDisk);
+    const QString data = diskPath(device, DataDisk);
+    auto reset = [&]() {
+        if (!removeFile(system)) {
+            vmCritical("Failed to delete system disk");
+            return false;
+        }
+        if (!removeFile(data)) {
+            vmCritical("Failed to delete data disk");
+            return false;
+        }
+        if (!createOverlayDisk(referenceSystem, system)) {
+            vmCritical("Failed to create system disk");
+            return false;
+        }
+        if (!copyFile(referenceData, data)) {
+            vmCritical("Failed to copy data disk");
+            return false;
+        }
+        return true;
+    };
+    if (reset())
+        return 0;
+
+    // Only the two disks change, so putting them back restores the directory as it was.
+    for (const QString &disk : {SystemDisk, DataDisk}) {
+        QString error;
+        QFile::remove(diskPath(device, disk));
+        if (QFileInfo::exists(diskPath(backup, disk))
+            && !copyFileFast(diskPath(backup, disk), diskPath(device, disk), &error))
+            vmCritical("Failed to restore", diskPath(device, disk), ":", error);
+    }
+    return 2;
+}
+
+QStringList QEMUEngine::listSnapshots(VMToolsMachine *machine)
+{
+    const QString system = diskPath(machine->path(), SystemDisk);
+    const CommandResult result = runCommand(m_qemuImgPath, QemuImgArgs::listSnapshots(system));
+    if (result.exitCode != 0) {
+        vmCritical("Failed to list snapshots of", system);
+        return {};
+    }
+    // Only rows that start with a numeric id are snapshots; a tag with characters outside
+    // letters, digits and "_" is not recognised.
+    static const QRegularExpression row(QStringLiteral("^\\d+\\s+(?<name>\\w+)\\s+\\N+$"),
+                                        QRegularExpression::MultilineOption);
+    QStringList names;
+    auto it = row.globalMatch(result.output);
+    while (it.hasNext()) {
+        const QString name = it.next().captured(QStringLiteral("name"));
+        vmDebug("found snapshot", name);
+        names << name;
+    }
+    return names;
+}
+
+bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name)
+{
+    auto *qemuMachine = dynamic_cast<QEMUMachine *>(machine);
+    // With virtio the shared folder is read-only and can stay; a writable vvfat drive blocks savevm.
+    if (!qemuMachine || !QEMUClient(quint16(qemuMachine->qmpPort())).saveSnapshot(name, !machine->usesVirtio())) {
+        vmCritical("Failed to save snapshot", name);
+        return false;
+    }
+    return true;
+}
+
+bool QEMUEngine::deleteSnapshot(VMToolsMachine *machine, const QString &name)
+{
+    if (!listSnapshots(machine).contains(name))
+        return true;
+    const QString directory = machine->path();
+    const CommandResult result =
+        runCommand(m_qemuImgPath, QemuImgArgs::deleteSnapshot(name, diskPath(directory, SystemDisk)));
+    if (result.exitCode != 0) {
+        vmCritical("Failed to delete snapshot:", result.error);
+        return false;
+    }
+    // The system disk decides; the other disks may lack the snapshot.
+    runCommand(m_qemuImgPath, QemuImgArgs::deleteSnapshot(name, diskPath(directory, DataDisk)));
+    const QString sdCard = diskPath(directory, SdCardDisk);
+    if (QFileInfo::exists(sdCard))
+        runCommand(m_qemuImgPath, QemuImgArgs::deleteSnapshot(name, sdCard));
+    return machine->deleteSnapshotFiles();
+}
+
+bool QEMUEngine::applyMachineChange(VMToolsMachine *machine, const QString &newName, const QString &newUuid)
+{
+    return machine->rename(newName) && machine->setUuid(newUuid);
+}
+
+VMToolsMachine *QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName)
+{
+    if (machineExists(newName)) {
+        vmCritical("Can't clone to already existing device", newName);
+        return nullptr;
+    }
+    const QString destination = devicePath(newName);
+    DirectoryGuard guard(destination);
+    if (QFileInfo::exists(destination) && !QDir(destination).removeRecursively()) {
+        vmWarning("Failed to clean", destination);
+        return nullptr;
+    }
+    if (!copyRecursively(source->path(), destination)) {
+        vmCritical("Failed to copy", source->path(), "to", destination);
+        return nullptr;
+    }
+    // A copy of a running device's lock and log would make the clone look running.
+    QFile::remove(diskPath(destination, QStringLiteral("qemu.lock")));
+    QFile::remove(diskPath(destination, QStringLiteral("qemu.log")));
+
+    std::unique_ptr<VMToolsMachine> clone(loadMachine(newName));
+    if (!clone) {
+        vmCritical("Failed to retrieve cloned device");
+        return nullptr;
+    }
+    auto *qemuClone = dynamic_cast<QEMUMachine *>(clone.get());
+    if (!qemuClone || !qemuClone->regenerateUuid()) {
+        vmCritical("Failed to update UUID of cloned device");
+        return nullptr;
+    }
+    guard.disarm();
+    return clone.release();
+}
+
+bool QEMUEngine::copyFile(const QString &source, const QString &destination)
+{
+    QString error;
+    if (copyFileFast(source, destination, &error))
+        return true;
+    vmCritical("Failed to copy", source, "to", destination, ":", error);
+    return false;
+}
+
+bool QEMUEngine::removeFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.exists())
+        return true;
+    if (file.remove())
+        return true;
+    vmWarning("Failed to remove", path, ":", file.errorString());
+    return false;
+}
+
+bool QEMUEngine::resizeDisk(VMToolsMachine *, const QString &diskPath, qint64 sizeMegabytes)
+{
+    if (!QFileInfo::exists(diskPath))
+        return false;
+    const CommandResult result = runCommand(m_qemuImgPath, QemuImgArgs::resize(diskPath, sizeMegabytes));
+    if (result.exitCode != 0) {
+        vmCritical("Failed to resize", diskPath, ".", result.error);
+        return false;
+    }
+    return true;
+}
+
+QString QEMUEngine::sdcardDiskName() const
+{
+    return SdCardDisk;
+}
