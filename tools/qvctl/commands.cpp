@@ -1,0 +1,679 @@
+#include "commands.h"
+
+#include "exitcodes.h"
+#include "version.h"
+#include "vmtoolsengine.h"
+#include "vmtoolsmachine.h"
+
+#include <QDateTime>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonParseError>
+#include <QUrl>
+#include <QUuid>
+
+#include <functional>
+
+namespace {
+
+constexpr int QmpBasePort = 23555;
+constexpr int AdbBasePort = 6555;
+
+struct Arity
+{
+    int minimum;
+    int maximum;
+};
+
+const QMap<QString, Arity> &arities()
+{
+    static const QMap<QString, Arity> table{
+        {QStringLiteral("check"), {0, 0}},  {QStringLiteral("list"), {0, 0}},
+        {QStringLiteral("info"), {1, 1}},   {QStringLiteral("create"), {1, 1}},
+        {QStringLiteral("start"), {1, 1}},  {QStringLiteral("stop"), {1, 1}},
+        {QStringLiteral("delete"), {1, 1}}, {QStringLiteral("clone"), {2, 2}},
+        {QStringLiteral("reset"), {1, 1}},  {QStringLiteral("snapshot"), {2, 3}},
+        {QStringLiteral("resize"), {2, 2}}, {QStringLiteral("sdcard"), {2, 2}},
+        {QStringLiteral("set"), {3, 3}},
+    };
+    return table;
+}
+
+QString versionText(const Version &version)
+{
+    // An unbounded maximum carries major -1.
+    return version.majorVersion < 0 ? QStringLiteral("none") : version.toString();
+}
+
+QJsonDocument readJsonDocument(const QString &path, QString &error)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        error = QStringLiteral("cannot read %1: %2").arg(path, file.errorString());
+        return {};
+    }
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &parseError);
+    if (parseError.error != QJsonParseError::NoError || !document.isObject()) {
+        error = QStringLiteral("%1 is not a JSON object (%2)")
+                    .arg(path, parseError.error != QJsonParseError::NoError ? parseError.errorString()
+                                                                              : QStringLiteral("not an object"));
+        return {};
+    }
+    return document;
+}
+
+// What the user sees for each start result: the error identifier and what to do next.
+struct StartFailure
+{
+    int exitCode;
+    const char *identifier;
+    const char *advice;
+};
+
+StartFailure startFailure(int result)
+{
+    switch (result) {
+    case 4:
+        return {ExitCode::AccelerationUnusable, "hypervhaxmerror",
+                "hardware acceleration is not usable. Enable virtualisation in the firmware settings, "
+                "make sure the hypervisor is accessible to this user, then run 'qvctl check'."};
+    case 5:
+        return {ExitCode::DeviceBusy, "devicenotstarted",
+                "a device or resource that QEMU needs is busy. Close the program holding it and start "
+                "again; qemu.log in the device directory has the details."};
+    case 6:
+        return {ExitCode::SystemFileInUse, "incompatiblestate",
+                "another process is using a disk of this device. Stop the other QEMU using it, then start "
+                "again."};
+    case 7:
+        return {ExitCode::PortInUse, "servicefailed",
+                "a port of this device is taken by another program. Stop that program or wait for the port "
+                "to be freed, then start again."};
+    case 8:
+        return {ExitCode::ArchNotSupported, "incompatibleosimagearch",
+                "the OS image architecture is not supported on this host. Use an image for this host's "
+                "architecture, or list the architecture in QV_OSIMAGE_ARCH_LIST."};
+    case 9:
+        return {ExitCode::MemoryNotSupported, "memorynotsupportederror",
+                "the device's RAM size cannot be addressed on this host. Create the device with a profile "
+                "of smaller ram_size."};
+    default:
+        return {ExitCode::Failure, "devicenotstarted",
+                "QEMU did not start or stopped too early. Read qemu.log in the device directory, or run "
+                "again with -v."};
+    }
+}
+
+QString stateName(int state)
+{
+    switch (state) {
+    case VMToolsMachine::StateRunning:
+        return QStringLiteral("running");
+    case VMToolsMachine::StatePoweredOff:
+        return QStringLiteral("stopped");
+    default:
+        return QStringLiteral("unknown");
+    }
+}
+
+QJsonObject portsJson(VMToolsMachine *machine)
+{
+    const int offset = int(machine->adbPort()) - AdbBasePort;
+    QJsonArray forwarded;
+    for (quint16 port : {machine->forwardedPort1(), machine->forwardedPort2(), machine->forwardedPort3(),
+                         machine->forwardedPort4(), machine->forwardedPort5(), machine->forwardedPort6(),
+                         machine->forwardedPort7()})
+        forwarded.append(int(port));
+    return {{QStringLiteral("offset"), offset},
+            {QStringLiteral("adbSerial"), machine->adbSerial()},
+            {QStringLiteral("adbPort"), int(machine->adbPort())},
+            {QStringLiteral("qmpPort"), QmpBasePort + offset},
+            {QStringLiteral("forwardedPorts"), forwarded}};
+}
+
+QJsonObject machineJson(VMToolsMachine *machine, bool running)
+{
+    const OsImage image = machine->osImage();
+    QJsonObject object{{QStringLiteral("name"), machine->name()},
+                       {QStringLiteral("uuid"), machine->uuid()},
+                       {QStringLiteral("state"), stateName(running ? int(VMToolsMachine::StateRunning)
+                                                                   : int(VMToolsMachine::StatePoweredOff))},
+                       {QStringLiteral("path"), machine->path()},
+                       {QStringLiteral("osImage"), image.name},
+                       {QStringLiteral("osVersion"), image.osVersion.toString()},
+                       {QStringLiteral("imageVersion"), image.imageVersion.toString()},
+                       {QStringLiteral("arch"), image.arch},
+                       {QStringLiteral("cpuCount"), machine->cpuCount()},
+                       {QStringLiteral("ramMiB"), double(machine->ramSize())},
+                       {QStringLiteral("sdCardMiB"), double(machine->sdCardSize())},
+                       {QStringLiteral("sdCardInserted"), machine->isSdCardInserted()},
+                       {QStringLiteral("sizeOnDiskBytes"), double(machine->sizeOnDisk())}};
+    if (running)
+        object.insert(QStringLiteral("ports"), portsJson(machine));
+    return object;
+}
+
+QString portsText(const QJsonObject &ports)
+{
+    QStringList forwarded;
+    for (const QJsonValue &port : ports.value(QStringLiteral("forwardedPorts")).toArray())
+        forwarded.append(QString::number(port.toInt()));
+    return forwarded.join(QLatin1Char(' '));
+}
+
+// A configuration value given on the command line: JSON literals keep their type.
+QVariant typedValue(const QString &text)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson("[" + text.toUtf8() + "]", &error);
+    if (error.error == QJsonParseError::NoError && document.array().size() == 1)
+        return document.array().first().toVariant();
+    return text;
+}
+
+} // namespace
+
+Commands::Commands(const CommandLine &line, const Output &output) : m_line(line), m_out(output) {}
+
+QString Commands::checkUsage()
+{
+    if (m_line.command.isEmpty())
+        return QStringLiteral("no command given");
+    if (!arities().contains(m_line.command))
+        return QStringLiteral("unknown command '%1'").arg(m_line.command);
+    const Arity arity = arities().value(m_line.command);
+    const QStringList &args = m_line.arguments;
+    if (args.size() < arity.minimum)
+        return QStringLiteral("'%1' needs more arguments").arg(m_line.command);
+    if (args.size() > arity.maximum)
+        return QStringLiteral("'%1' takes at most %2 arguments").arg(m_line.command).arg(arity.maximum);
+
+    QStringList names;
+    if (m_line.command == QLatin1String("snapshot")) {
+        const QString action = args.at(0);
+        if (action == QLatin1String("list")) {
+            if (args.size() != 2)
+                return QStringLiteral("'snapshot list' takes a device name only");
+        } else if (action == QLatin1String("save") || action == QLatin1String("delete")) {
+            if (args.size() != 3)
+                return QStringLiteral("'snapshot %1' needs a device name and a snapshot name").arg(action);
+            if (args.at(2).isEmpty())
+                return QStringLiteral("the snapshot name is empty");
+        } else {
+            return QStringLiteral("unknown snapshot action '%1' (list, save or delete)").arg(action);
+        }
+        names.append(args.at(1));
+    } else if (m_line.command == QLatin1String("clone")) {
+        names = args;
+    } else if (!args.isEmpty()) {
+        names.append(args.first());
+    }
+    for (const QString &name : qAsConst(names)) {
+        if (!isValidDeviceName(name))
+            return QStringLiteral("'%1' is not a device name (no path separators or '..')").arg(name);
+    }
+
+    qint64 size = 0;
+    if (m_line.command == QLatin1String("resize") && !parseMegabytes(args.at(1), size))
+        return QStringLiteral("'%1' is not a size in MiB").arg(args.at(1));
+    if (m_line.command == QLatin1String("sdcard") && args.at(1) != QLatin1String("on")
+        && args.at(1) != QLatin1String("off"))
+        return QStringLiteral("'sdcard' takes on or off, not '%1'").arg(args.at(1));
+    if (m_line.values.contains(QStringLiteral("sdcard")) && !parseMegabytes(m_line.value(QStringLiteral("sdcard")), size))
+        return QStringLiteral("'%1' is not a size in MiB").arg(m_line.value(QStringLiteral("sdcard")));
+    if (m_line.command == QLatin1String("create"))
+        return loadDescriptions();
+    return {};
+}
+
+QString Commands::loadDescriptions()
+{
+    const QString imagePath = m_line.value(QStringLiteral("image"));
+    const QString profilePath = m_line.value(QStringLiteral("profile"));
+    if (imagePath.isEmpty() || profilePath.isEmpty())
+        return QStringLiteral("'create' needs --image and --profile");
+
+    QString error;
+    const QJsonDocument profileDocument = readJsonDocument(profilePath, error);
+    if (!error.isEmpty())
+        return error;
+    m_profile = parseHwProfile(profileDocument.object());
+    if (!m_profile.isValid())
+        return QStringLiteral("%1 is not a valid hardware profile; run with -v to see why").arg(profilePath);
+
+    const QFileInfo imageFile(imagePath);
+    if (imageFile.suffix().compare(QLatin1String("ova"), Qt::CaseInsensitive) == 0) {
+        if (!imageFile.isFile())
+            return QStringLiteral("cannot read %1").arg(imagePath);
+        // A bare archive: describe it as a user image of this host's architecture.
+        m_image.uuid = QUuid::createUuid().toString(QUuid::WithoutBraces);
+        m_image.name = imageFile.completeBaseName();
+        m_image.buildDate = QDateTime::currentDateTimeUtc();
+        m_image.source = HwProfile::Source::USER;
+        m_image.osVersion = parseVersion(QStringLiteral("11.0.0"));
+        m_image.imageVersion = parseVersion(QStringLiteral("1.0.0"));
+        m_image.arch = QStringLiteral("x86_64");
+        m_image.imageUri = imageFile.absoluteFilePath();
+        m_image.imageSizeBytes = imageFile.size();
+        m_image.version = parseVersion(QStringLiteral("1.1.0"));
+        m_image.sdkVersion = 30;
+        m_imageDerived = true;
+    } else {
+        const QJsonDocument imageDocument = readJsonDocument(imagePath, error);
+        if (!error.isEmpty())
+            return error;
+        m_image = parseOsImage(imageDocument.object());
+        if (m_image == OsImage())
+            return QStringLiteral("%1 is not a valid OS image description; run with -v to see why").arg(imagePath);
+        // A relative archive path in the description is relative to the description itself.
+        const QUrl uri(m_image.imageUri);
+        if (!m_image.imageUri.isEmpty() && uri.scheme().isEmpty() && QFileInfo(m_image.imageUri).isRelative()) {
+            const QString beside = QFileInfo(imagePath).absoluteDir().absoluteFilePath(m_image.imageUri);
+            if (QFileInfo::exists(beside))
+                m_image.imageUri = beside;
+        }
+    }
+    qint64 sdCard = 0;
+    if (parseMegabytes(m_line.value(QStringLiteral("sdcard")), sdCard))
+        m_profile.sdCardSize = sdCard;
+    return {};
+}
+
+int Commands::run(VMToolsEngine *engine)
+{
+    m_engine = engine;
+    static const QMap<QString, int (Commands::*)()> handlers{
+        {QStringLiteral("check"), &Commands::check},     {QStringLiteral("list"), &Commands::list},
+        {QStringLiteral("info"), &Commands::info},       {QStringLiteral("create"), &Commands::create},
+        {QStringLiteral("start"), &Commands::start},     {QStringLiteral("stop"), &Commands::stop},
+        {QStringLiteral("delete"), &Commands::remove},   {QStringLiteral("clone"), &Commands::clone},
+        {QStringLiteral("reset"), &Commands::reset},     {QStringLiteral("snapshot"), &Commands::snapshot},
+        {QStringLiteral("resize"), &Commands::resize},   {QStringLiteral("sdcard"), &Commands::sdcard},
+        {QStringLiteral("set"), &Commands::set},
+    };
+    return (this->*handlers.value(m_line.command))();
+}
+
+std::unique_ptr<VMToolsMachine> Commands::machine(const QString &name)
+{
+    std::unique_ptr<VMToolsMachine> loaded(m_engine->loadMachine(name));
+    if (loaded)
+        return loaded;
+    if (m_engine->isMachineDirectoryPresent(name)
+        || QFileInfo(m_engine->devicesDirectory().absoluteFilePath(name)).isDir()) {
+        m_exitCode = m_out.fail(ExitCode::Failure,
+                                QStringLiteral("device '%1' exists but cannot be loaded; run with -v to see why, "
+                                               "or delete its directory %2")
+                                    .arg(name, m_engine->devicesDirectory().absoluteFilePath(name)));
+    } else {
+        m_exitCode = m_out.fail(ExitCode::UnknownDevice,
+                                QStringLiteral("no device named '%1'; 'qvctl list' shows the devices").arg(name));
+    }
+    return {};
+}
+
+bool Commands::isRunning(VMToolsMachine *machine) const
+{
+    return machine->status() == VMToolsMachine::StateRunning;
+}
+
+int Commands::refuseRunning(const QString &name, const QString &action) const
+{
+    return m_out.fail(ExitCode::Failure,
+                      QStringLiteral("device '%1' is running; stop it first with 'qvctl stop %1', then %2 it")
+                          .arg(name, action));
+}
+
+int Commands::check()
+{
+    const QStringList errors = m_engine->installationErrors();
+    const Version version = m_engine->version();
+    const Version minimum = m_engine->minimumVersion();
+    const Version maximum = m_engine->maximumVersion();
+    const bool versionOk = errors.isEmpty() && version >= minimum
+        && (maximum.majorVersion < 0 || version <= maximum);
+    const bool acceleration = m_engine->isAccelerationAvailable();
+    const bool virtualization = m_engine->isVirtualizationSupported();
+    const bool ok = errors.isEmpty() && versionOk;
+
+    if (m_out.isJson()) {
+        m_out.json({{QStringLiteral("ok"), ok},
+                    {QStringLiteral("engine"), m_engine->name()},
+                    {QStringLiteral("installationErrors"), QJsonArray::fromStringList(errors)},
+                    {QStringLiteral("version"), m_engine->versionString()},
+                    {QStringLiteral("minimumVersion"), versionText(minimum)},
+                    {QStringLiteral("maximumVersion"), versionText(maximum)},
+                    {QStringLiteral("versionSupported"), versionOk},
+                    {QStringLiteral("acceleration"), acceleration},
+                    {QStringLiteral("cpuVendor"), m_engine->cpuVendor()},
+                    {QStringLiteral("cpuVirtualization"), virtualization},
+                    {QStringLiteral("devicesDirectory"), m_engine->devicesDirectory().absolutePath()}});
+    } else {
+        m_out.fields({{QStringLiteral("Engine"), m_engine->name()},
+                      {QStringLiteral("Installation"), errors.isEmpty() ? QStringLiteral("ok") : errors.join(QStringLiteral("; "))},
+                      {QStringLiteral("QEMU version"), m_engine->versionString()},
+                      {QStringLiteral("Supported"), QStringLiteral("%1 to %2 (%3)")
+                                                          .arg(versionText(minimum), versionText(maximum),
+                                                               versionOk ? QStringLiteral("ok") : QStringLiteral("NOT SUPPORTED"))},
+                      {QStringLiteral("Acceleration"), acceleration ? QStringLiteral("available") : QStringLiteral("not available")},
+                      {QStringLiteral("CPU"), m_engine->cpuVendor()},
+                      {QStringLiteral("CPU virtualisation"), virtualization ? QStringLiteral("supported") : QStringLiteral("not reported")},
+                      {QStringLiteral("Devices"), m_engine->devicesDirectory().absolutePath()}});
+    }
+    if (!errors.isEmpty())
+        return m_out.fail(ExitCode::Failure, QStringLiteral("QEMU is not installed correctly. Install QEMU (scripts/install-deps.sh) or point QV_QEMU_BIN_DIR at its directory."),
+                          QStringLiteral("qemunotinstalled"));
+    if (!versionOk)
+        return m_out.fail(ExitCode::Failure, QStringLiteral("QEMU %1 is outside the supported range. Install a supported QEMU version.")
+                                                 .arg(m_engine->versionString()));
+    return ExitCode::Success;
+}
+
+int Commands::list()
+{
+    const QList<VMToolsMachine *> machines = m_engine->listMachines(&drawProgress);
+    std::vector<std::unique_ptr<VMToolsMachine>> owned(machines.begin(), machines.end());
+    QJsonArray array;
+    QList<QStringList> rows;
+    for (const auto &machine : owned) {
+        const bool running = isRunning(machine.get());
+        const QJsonObject object = machineJson(machine.get(), running);
+        array.append(object);
+        rows.append({machine->name(), stateName(running ? int(VMToolsMachine::StateRunning) : int(VMToolsMachine::StatePoweredOff)),
+                     object.value(QStringLiteral("osImage")).toString(),
+                     QString::number(machine->ramSize()), QString::number(machine->cpuCount()),
+                     running ? machine->adbSerial() : QString()});
+    }
+    if (m_out.isJson())
+        m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("devices"), array}});
+    else
+        m_out.table({QStringLiteral("NAME"), QStringLiteral("STATE"), QStringLiteral("IMAGE"), QStringLiteral("RAM_MIB"),
+                     QStringLiteral("CPUS"), QStringLiteral("ADB")},
+                    rows);
+    return ExitCode::Success;
+}
+
+int Commands::info()
+{
+    auto device = machine(m_line.arguments.at(0));
+    if (!device)
+        return m_exitCode;
+    const bool running = isRunning(device.get());
+    const QJsonObject object = machineJson(device.get(), running);
+    if (m_out.isJson()) {
+        QJsonObject reply = object;
+        reply.insert(QStringLiteral("ok"), true);
+        m_out.json(reply);
+        return ExitCode::Success;
+    }
+    QList<QPair<QString, QString>> pairs;
+    for (const QString &key : {QStringLiteral("name"), QStringLiteral("uuid"), QStringLiteral("state"), QStringLiteral("path"),
+                               QStringLiteral("osImage"), QStringLiteral("osVersion"), QStringLiteral("imageVersion"),
+                               QStringLiteral("arch"), QStringLiteral("cpuCount"), QStringLiteral("ramMiB"),
+                               QStringLiteral("sdCardMiB"), QStringLiteral("sdCardInserted"), QStringLiteral("sizeOnDiskBytes")})
+        pairs.append({key, object.value(key).toVariant().toString()});
+    if (running) {
+        const QJsonObject ports = object.value(QStringLiteral("ports")).toObject();
+        pairs.append({QStringLiteral("adbSerial"), ports.value(QStringLiteral("adbSerial")).toString()});
+        pairs.append({QStringLiteral("qmpPort"), QString::number(ports.value(QStringLiteral("qmpPort")).toInt())});
+        pairs.append({QStringLiteral("forwardedPorts"), portsText(ports)});
+    }
+    m_out.fields(pairs);
+    return ExitCode::Success;
+}
+
+int Commands::create()
+{
+    const QString name = m_line.arguments.at(0);
+    if (m_engine->machineExists(name))
+        return m_out.fail(ExitCode::Failure, QStringLiteral("device '%1' already exists; pick another name or delete it first").arg(name));
+    if (m_imageDerived)
+        m_out.message(QStringLiteral("Describing %1 as a user image: name %2, arch x86_64, OS 11.0.0, image 1.0.0")
+                          .arg(m_image.imageUri, m_image.name));
+    int result = 0;
+    {
+        Spinner spinner(QStringLiteral("Creating %1").arg(name));
+        result = m_engine->createDevice(name, m_image, m_profile);
+    }
+    if (result != 0)
+        return m_out.fail(ExitCode::Failure, QStringLiteral("could not create '%1'. Check that the image archive %2 exists and "
+                                                            "holds system.vmdk and data.vmdk; run with -v for details")
+                                                 .arg(name, VMToolsEngine::archivePath(m_image)));
+    auto device = machine(name);
+    if (!device)
+        return m_exitCode;
+    if (m_out.isJson()) {
+        QJsonObject reply = machineJson(device.get(), false);
+        reply.insert(QStringLiteral("ok"), true);
+        reply.insert(QStringLiteral("imageDerived"), m_imageDerived);
+        m_out.json(reply);
+    } else {
+        m_out.message(QStringLiteral("Created %1 in %2").arg(name, device->path()));
+    }
+    return ExitCode::Success;
+}
+
+int Commands::start()
+{
+    auto device = machine(m_line.arguments.at(0));
+    if (!device)
+        return m_exitCode;
+    bool quickboot = m_line.has(QStringLiteral("quickboot"));
+    const bool askedQuickboot = quickboot;
+    const int result = m_engine->startMachineWithSnapshotPolicy(device.get(), quickboot);
+    if (result != 1) {
+        const StartFailure failure = startFailure(result);
+        return m_out.fail(failure.exitCode, QString::fromLatin1(failure.advice), QString::fromLatin1(failure.identifier));
+    }
+    device->status();  // picks up the port offset of the running QEMU
+    const QJsonObject ports = portsJson(device.get());
+    if (m_out.isJson()) {
+        m_out.json({{QStringLiteral("ok"), true},
+                    {QStringLiteral("name"), device->name()},
+                    {QStringLiteral("quickboot"), quickboot},
+                    {QStringLiteral("ports"), ports}});
+        return ExitCode::Success;
+    }
+    if (askedQuickboot && !quickboot)
+        m_out.message(QStringLiteral("Quick boot is not available with QEMU: cold boot"));
+    m_out.fields({{QStringLiteral("Started"), device->name()},
+                  {QStringLiteral("ADB serial"), ports.value(QStringLiteral("adbSerial")).toString()},
+                  {QStringLiteral("QMP port"), QString::number(ports.value(QStringLiteral("qmpPort")).toInt())},
+                  {QStringLiteral("Forwarded ports"), portsText(ports)}});
+    return ExitCode::Success;
+}
+
+int Commands::stop()
+{
+    auto device = machine(m_line.arguments.at(0));
+    if (!device)
+        return m_exitCode;
+    const bool wasRunning = isRunning(device.get());
+    if (wasRunning && !m_engine->stopMachine(device.get()))
+        return m_out.fail(ExitCode::Failure, QStringLiteral("could not stop '%1'. Run again with -v; if QEMU still runs, end it and "
+                                                            "remove qemu.lock in %2")
+                                                 .arg(device->name(), device->path()));
+    if (m_out.isJson())
+        m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()}, {QStringLiteral("wasRunning"), wasRunning}});
+    else
+        m_out.message(wasRunning ? QStringLiteral("Stopped %1").arg(device->name())
+                                 : QStringLiteral("%1 was not running").arg(device->name()));
+    return ExitCode::Success;
+}
+
+int Commands::remove()
+{
+    const QString name = m_line.arguments.at(0);
+    auto device = machine(name);
+    if (!device)
+        return m_exitCode;
+    if (isRunning(device.get()))
+        return refuseRunning(name, QStringLiteral("delete"));
+    if (!m_engine->deleteMachine(device.get()))
+        return m_out.fail(ExitCode::Failure, QStringLiteral("could not delete '%1'. Check the permissions of %2").arg(name, device->path()));
+    if (m_out.isJson())
+        m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), name}});
+    else
+        m_out.message(QStringLiteral("Deleted %1").arg(name));
+    return ExitCode::Success;
+}
+
+int Commands::clone()
+{
+    const QString sourceName = m_line.arguments.at(0);
+    const QString newName = m_line.arguments.at(1);
+    auto source = machine(sourceName);
+    if (!source)
+        return m_exitCode;
+    if (isRunning(source.get()))
+        return refuseRunning(sourceName, QStringLiteral("clone"));
+    if (m_engine->machineExists(newName))
+        return m_out.fail(ExitCode::Failure, QStringLiteral("device '%1' already exists; pick another name").arg(newName));
+    std::unique_ptr<VMToolsMachine> copy;
+    {
+        Spinner spinner(QStringLiteral("Cloning %1 to %2").arg(sourceName, newName));
+        copy.reset(m_engine->cloneMachine(source.get(), newName));
+    }
+    if (!copy)
+        return m_out.fail(ExitCode::Failure, QStringLiteral("could not clone '%1'. Check the free disk space; run with -v for details").arg(sourceName));
+    if (m_out.isJson()) {
+        QJsonObject reply = machineJson(copy.get(), false);
+        reply.insert(QStringLiteral("ok"), true);
+        m_out.json(reply);
+    } else {
+        m_out.message(QStringLiteral("Cloned %1 to %2 (uuid %3)").arg(sourceName, newName, copy->uuid()));
+    }
+    return ExitCode::Success;
+}
+
+int Commands::reset()
+{
+    const QString name = m_line.arguments.at(0);
+    auto device = machine(name);
+    if (!device)
+        return m_exitCode;
+    if (isRunning(device.get()))
+        return refuseRunning(name, QStringLiteral("reset"));
+    int result = 0;
+    {
+        Spinner spinner(QStringLiteral("Resetting %1").arg(name));
+        result = device->factoryReset();
+    }
+    if (result == 3)
+        return m_out.fail(ExitCode::Failure, QStringLiteral("the reference disks of '%1' are gone and it was upgraded; create the device again").arg(name));
+    if (result != 0)
+        return m_out.fail(ExitCode::Failure, QStringLiteral("could not reset '%1'; it is left as it was. Run with -v for details, "
+                                                            "or create the device again from its image")
+                                                 .arg(name));
+    if (m_out.isJson())
+        m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), name}});
+    else
+        m_out.message(QStringLiteral("Reset %1 to its factory state").arg(name));
+    return ExitCode::Success;
+}
+
+int Commands::snapshot()
+{
+    const QString action = m_line.arguments.at(0);
+    auto device = machine(m_line.arguments.at(1));
+    if (!device)
+        return m_exitCode;
+    if (action == QLatin1String("list")) {
+        const QStringList names = m_engine->listSnapshots(device.get());
+        if (m_out.isJson()) {
+            m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()},
+                        {QStringLiteral("snapshots"), QJsonArray::fromStringList(names)}});
+        } else {
+            QList<QStringList> rows;
+            for (const QString &snapshot : names)
+                rows.append({snapshot});
+            m_out.table({QStringLiteral("SNAPSHOT")}, rows);
+        }
+        return ExitCode::Success;
+    }
+    const QString snapshotName = m_line.arguments.at(2);
+    if (action == QLatin1String("save")) {
+        if (!isRunning(device.get()))
+            return m_out.fail(ExitCode::Failure, QStringLiteral("device '%1' is not running; start it with 'qvctl start %1' before "
+                                                                "saving a snapshot")
+                                                     .arg(device->name()));
+        if (!m_engine->saveSnapshot(device.get(), snapshotName))
+            return m_out.fail(ExitCode::Failure, QStringLiteral("could not save snapshot '%1'; names of letters, digits and '_' "
+                                                                "work best. Run with -v for details")
+                                                     .arg(snapshotName),
+                              QStringLiteral("savesnapshotfailed"));
+    } else {
+        if (isRunning(device.get()))
+            return refuseRunning(device->name(), QStringLiteral("delete a snapshot of"));
+        if (!m_engine->deleteSnapshot(device.get(), snapshotName))
+            return m_out.fail(ExitCode::Failure, QStringLiteral("could not delete snapshot '%1'. Run with -v for details").arg(snapshotName));
+    }
+    if (m_out.isJson())
+        m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()}, {QStringLiteral("snapshot"), snapshotName}});
+    else
+        m_out.message(QStringLiteral("%1 snapshot %2 of %3")
+                          .arg(action == QLatin1String("save") ? QStringLiteral("Saved") : QStringLiteral("Deleted"), snapshotName,
+                               device->name()));
+    return ExitCode::Success;
+}
+
+int Commands::resize()
+{
+    auto device = machine(m_line.arguments.at(0));
+    if (!device)
+        return m_exitCode;
+    qint64 megabytes = 0;
+    parseMegabytes(m_line.arguments.at(1), megabytes);
+    if (!device->setSdCardSize(megabytes))
+        return m_out.fail(ExitCode::Failure, QStringLiteral("could not set the SD card size of '%1' to %2 MiB; stop the device and "
+                                                            "try again, shrinking may be refused by qemu-img")
+                                                 .arg(device->name())
+                                                 .arg(megabytes));
+    if (m_out.isJson())
+        m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()},
+                    {QStringLiteral("sdCardMiB"), double(device->sdCardSize())}});
+    else
+        m_out.message(QStringLiteral("SD card of %1: %2 MiB").arg(device->name()).arg(device->sdCardSize()));
+    return ExitCode::Success;
+}
+
+int Commands::sdcard()
+{
+    auto device = machine(m_line.arguments.at(0));
+    if (!device)
+        return m_exitCode;
+    const bool insert = m_line.arguments.at(1) == QLatin1String("on");
+    if (!device->setSdCardInserted(insert))
+        return m_out.fail(ExitCode::Failure, QStringLiteral("could not %1 the SD card of '%2'; give it a size first with "
+                                                            "'qvctl resize %2 MiB'")
+                                                 .arg(insert ? QStringLiteral("insert") : QStringLiteral("remove"), device->name()));
+    if (m_out.isJson())
+        m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()},
+                    {QStringLiteral("sdCardInserted"), device->isSdCardInserted()}});
+    else
+        m_out.message(QStringLiteral("SD card of %1: %2").arg(device->name(), insert ? QStringLiteral("inserted") : QStringLiteral("removed")));
+    return ExitCode::Success;
+}
+
+int Commands::set()
+{
+    auto device = machine(m_line.arguments.at(0));
+    if (!device)
+        return m_exitCode;
+    const QString key = m_line.arguments.at(1);
+    if (key.isEmpty())
+        return m_out.fail(ExitCode::BadUsage, QStringLiteral("the key is empty"));
+    const QVariant value = typedValue(m_line.arguments.at(2));
+    if (!device->setConfigurationValue(key, value))
+        return m_out.fail(ExitCode::Failure, QStringLiteral("could not save '%1' of '%2'; check that %3 is writable")
+                                                 .arg(key, device->name(), device->deviceJsonPath()));
+    if (m_out.isJson())
+        m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()}, {QStringLiteral("key"), key},
+                    {QStringLiteral("value"), QJsonValue::fromVariant(device->configurationValue(key))}});
+    else
+        m_out.message(QStringLiteral("%1: %2 = %3").arg(device->name(), key, device->configurationValue(key).toString()));
+    return ExitCode::Success;
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QLibrary>
+#include <QString>
+
+#include <memory>
+
+#include "vmtoolsengine.h"
+
+// Loads the qemu module and holds the engine it hands out. The engine is destroyed before
+// the module is unloaded, and the module stays loaded for as long as the host lives.
+class EngineHost
+{
+public:
+    EngineHost() = default;
+    ~EngineHost();
+
+    // Tries, in order: the explicit path, QV_PLUGIN_PATH, beside the executable, and the
+    // module's place in the build tree. On failure error() says what was tried.
+    bool load(const QString &explicitPath);
+    VMToolsEngine *engine() const { return m_engine.get(); }
+    QString modulePath() const { return m_library.fileName(); }
+    QString error() const { return m_error; }
+
+    // Points QV_QEMU_BIN_DIR at the qemu-system-x86_64 found on PATH when neither the
+    // variable nor the bundled QEMU directory is there. Call before load().
+    static void locateQemu();
+    // Shows every library line with verbose, otherwise warnings and worse only.
+    static void installMessageHandler(bool verbose);
+
+private:
+    QLibrary m_library;
+    std::unique_ptr<VMToolsEngine> m_engine;
+    QString m_error;
+};
