@@ -4,7 +4,8 @@
 # never leak out of the platform files.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-cxx=x86_64-w64-mingw32-g++
+# The posix thread model matches the MinGW kits Qt ships (std::thread, std::mutex).
+cxx=x86_64-w64-mingw32-g++-posix
 qt=$(qmake -query QT_INSTALL_HEADERS 2>/dev/null || echo /usr/include/x86_64-linux-gnu/qt5)
 
 includes=(-I"$qt" -I"$qt/QtCore" -I"$qt/QtNetwork")
