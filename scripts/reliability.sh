@@ -1,0 +1,186 @@
+#!/usr/bin/env bash
+# Reliability suite (not part of the default test run; bounded runtime):
+#  - starts 20 devices side by side with the real QEMU through qvctl on a temporary QV_HOME:
+#    all get distinct port offsets, all answer QMP on 23555+offset, all stop gracefully
+#    leaving no lock file and no QEMU process;
+#  - kills a running QEMU with SIGKILL: the device then reads stopped and the next start works;
+#  - runs every fuzz target for five minutes (scripts/fuzz.sh 300).
+# Prints a table of figures; exits non-zero when any check fails.
+#
+# Usage: scripts/reliability.sh [--no-build] [--fuzz-seconds N] [BUILD_DIR]
+#   BUILD_DIR defaults to build; --fuzz-seconds 0 skips the fuzzing.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+
+dir=build
+build=1
+fuzz_seconds=300
+devices=${QV_RELIABILITY_DEVICES:-20}
+while (($#)); do
+    case "$1" in
+        --no-build) build=0 ;;
+        --fuzz-seconds) fuzz_seconds=${2:?}; shift ;;
+        *) dir=$1 ;;
+    esac
+    shift
+done
+
+if ((build)); then
+    scripts/build.sh "$dir" >/dev/null || { echo "reliability: build failed" >&2; exit 1; }
+fi
+qvctl=$root/$dir/tools/qvctl/qvctl
+[ -x "$qvctl" ] || qvctl=$dir/tools/qvctl/qvctl
+[ -x "$qvctl" ] || { echo "reliability: no qvctl in $dir" >&2; exit 1; }
+
+work=$(mktemp -d)
+export QV_HOME=$work/home
+mkdir -p "$QV_HOME"
+unset QV_TRIGGER_ERROR QV_QEMU_START_ARGS QV_OSIMAGE_ARCH_LIST
+
+# Pids of the QEMU processes that the lock files name.
+locked_pids() {
+    find "$QV_HOME" -name qemu.lock -exec sed -n 's/^pid=//p' {} + 2>/dev/null
+}
+cleanup() {
+    for pid in $(locked_pids); do kill -9 "$pid" 2>/dev/null || true; done
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+now() { date +%s%N; }
+ms_since() { echo $((($(now) - $1) / 1000000)); }
+
+declare -a figures
+failures=0
+figure() {  # figure NAME VALUE EXPECTED VERDICT
+    figures+=("$1|$2|$3|$4")
+    [ "$4" = ok ] || failures=$((failures + 1))
+}
+verdict() { [ "$1" = "$2" ] && echo ok || echo FAILED; }
+
+json_field() {  # json_field PYTHON_EXPRESSION_ON_d < json
+    python3 -c "import json,sys; d=json.load(sys.stdin); print($1)"
+}
+
+qmp_answers() {  # qmp_answers PORT: true when a QMP greeting comes within 5 s
+    python3 - "$1" <<'PY'
+import socket, sys
+try:
+    with socket.create_connection(("127.0.0.1", int(sys.argv[1])), timeout=5) as s:
+        s.settimeout(5)
+        data = b""
+        while b"\n" not in data:
+            chunk = s.recv(4096)
+            if not chunk:
+                break
+            data += chunk
+        sys.exit(0 if b'"QMP"' in data else 1)
+except OSError:
+    sys.exit(1)
+PY
+}
+
+echo "reliability: QV_HOME=$QV_HOME" >&2
+scripts/make-sample-image.sh "$work/image" 128 >/dev/null || { echo "reliability: cannot make the image" >&2; exit 1; }
+
+# Devices side by side.
+created=0
+t0=$(now)
+for i in $(seq -w 1 $devices); do
+    "$qvctl" create "r$i" --image "$work/image/demo-image.json" --profile "$work/image/demo-profile.json" \
+        >/dev/null 2>&1 && created=$((created + 1))
+done
+figure "devices created" "$created" "$devices" "$(verdict "$created" "$devices")"
+figure "creation time per device" "$(($(ms_since "$t0") / devices)) ms" "-" ok
+
+started=0
+max_start=0
+offsets=()
+t0=$(now)
+for i in $(seq -w 1 $devices); do
+    s0=$(now)
+    if reply=$("$qvctl" --json start "r$i" 2>/dev/null); then
+        started=$((started + 1))
+        offsets+=("$(json_field 'd["ports"]["offset"]' <<<"$reply")")
+    fi
+    took=$(ms_since "$s0")
+    ((took > max_start)) && max_start=$took
+done
+total_start=$(ms_since "$t0")
+figure "devices started" "$started" "$devices" "$(verdict "$started" "$devices")"
+figure "start time, mean / max" "$((total_start / devices)) / $max_start ms" "-" ok
+distinct=$(printf '%s\n' "${offsets[@]}" | sort -u | wc -l)
+figure "distinct port offsets" "$distinct" "$devices" "$(verdict "$distinct" "$devices")"
+
+answered=0
+for offset in "${offsets[@]}"; do
+    qmp_answers $((23555 + offset)) && answered=$((answered + 1))
+done
+figure "devices answering QMP" "$answered" "$devices" "$(verdict "$answered" "$devices")"
+qemu_running=$(for pid in $(locked_pids); do [ -d /proc/$pid ] && echo "$pid"; done | wc -l)
+figure "QEMU processes running" "$qemu_running" "$devices" "$(verdict "$qemu_running" "$devices")"
+rss=$(for pid in $(locked_pids); do awk '/VmRSS/ { print $2 }' /proc/$pid/status 2>/dev/null; done |
+      awk '{ s += $1 } END { printf "%d", s / 1024 }')
+figure "resident memory of all QEMU" "$rss MiB" "-" ok
+
+pids=$(locked_pids)
+stopped=0
+t0=$(now)
+for i in $(seq -w 1 $devices); do
+    "$qvctl" stop "r$i" >/dev/null 2>&1 && stopped=$((stopped + 1))
+done
+figure "devices stopped" "$stopped" "$devices" "$(verdict "$stopped" "$devices")"
+figure "stop time per device" "$(($(ms_since "$t0") / devices)) ms" "-" ok
+# A QEMU process of ours: alive, not a zombie, and running the QEMU program.
+is_qemu() {
+    [ -d "/proc/$1" ] && ! grep -q '^State:.*Z' "/proc/$1/status" 2>/dev/null &&
+        [ "$(basename "$(readlink "/proc/$1/exe" 2>/dev/null)")" = qemu-system-x86_64 ]
+}
+locks=$(find "$QV_HOME" -name qemu.lock | wc -l)
+figure "lock files left" "$locks" 0 "$(verdict "$locks" 0)"
+left=$(for pid in $pids; do is_qemu "$pid" && echo "$pid"; done | wc -l)
+figure "QEMU processes left at once" "$left" 0 "$(verdict "$left" 0)"
+if ((left)); then
+    for pid in $pids; do is_qemu "$pid" && echo "reliability: QEMU $pid still runs: $(tr '\0' ' ' </proc/$pid/cmdline | cut -c1-200)" >&2; done
+    sleep 5
+    later=$(for pid in $pids; do is_qemu "$pid" && echo "$pid"; done | wc -l)
+    figure "QEMU processes left after 5 s" "$later" 0 "$(verdict "$later" 0)"
+fi
+
+# A QEMU killed behind the library's back.
+"$qvctl" start r01 >/dev/null 2>&1
+pid=$(locked_pids | head -n1)
+recovered=no
+if [ -n "$pid" ] && kill -9 "$pid"; then
+    for _ in $(seq 50); do [ -d /proc/$pid ] || break; sleep 0.1; done
+    state=$("$qvctl" --json info r01 2>/dev/null | json_field 'd["state"]')
+    if [ "$state" = stopped ] && "$qvctl" start r01 >/dev/null 2>&1 && "$qvctl" stop r01 >/dev/null 2>&1; then
+        recovered=yes
+    fi
+fi
+figure "state after SIGKILL, next start" "$recovered" yes "$(verdict "$recovered" yes)"
+
+for i in $(seq -w 1 $devices); do "$qvctl" delete "r$i" >/dev/null 2>&1; done
+
+if ((fuzz_seconds > 0)); then
+    t0=$(now)
+    if scripts/fuzz.sh "$fuzz_seconds" >"$work/fuzz.log" 2>&1; then fuzz=passed; else fuzz=failed; tail -n 40 "$work/fuzz.log" >&2; fi
+    targets=$(ls fuzz/fuzz_*.cpp | wc -l)
+    figure "fuzz targets x ${fuzz_seconds}s" "$targets targets $fuzz" passed "$(verdict "$fuzz" passed)"
+    figure "fuzzing time" "$(($(ms_since "$t0") / 1000)) s" "-" ok
+fi
+
+echo
+printf '%-34s  %-20s  %-9s  %s\n' figure value expected verdict
+printf '%-34s  %-20s  %-9s  %s\n' ---------------------------------- -------------------- --------- -------
+for row in "${figures[@]}"; do
+    IFS='|' read -r name value expected result <<<"$row"
+    printf '%-34s  %-20s  %-9s  %s\n' "$name" "$value" "$expected" "$result"
+done
+echo
+if ((failures)); then
+    echo "reliability: $failures check(s) failed"
+    exit 1
+fi
+echo "reliability: all checks passed"
