@@ -149,13 +149,20 @@ if ((left)); then
 fi
 
 # A QEMU killed behind the library's back.
-"$qvctl" start r01 >/dev/null 2>&1
+first=r$(seq -w 1 $devices | head -n1)
+"$qvctl" start "$first" >/dev/null 2>&1
 pid=$(locked_pids | head -n1)
 recovered=no
-if [ -n "$pid" ] && kill -9 "$pid"; then
-    for _ in $(seq 50); do [ -d /proc/$pid ] || break; sleep 0.1; done
-    state=$("$qvctl" --json info r01 2>/dev/null | json_field 'd["state"]')
-    if [ "$state" = stopped ] && "$qvctl" start r01 >/dev/null 2>&1 && "$qvctl" stop r01 >/dev/null 2>&1; then
+if [ -z "$pid" ]; then
+    echo "reliability: $first did not start" >&2
+elif kill -9 "$pid"; then
+    for _ in $(seq 50); do is_qemu "$pid" || break; sleep 0.1; done
+    state=$("$qvctl" --json info "$first" 2>/dev/null | json_field 'd["state"]')
+    if [ "$state" != stopped ]; then
+        echo "reliability: after SIGKILL the device reads '$state'" >&2
+    elif ! restart=$("$qvctl" start "$first" 2>&1); then
+        echo "reliability: the start after SIGKILL failed: $restart" >&2
+    elif "$qvctl" stop "$first" >/dev/null 2>&1; then
         recovered=yes
     fi
 fi
