@@ -118,14 +118,14 @@ int main(int argc, char *argv[])
     const double added = Bench::bestOfMs(5, [&] {
         qDeleteAll(engine.listMachines({}));
         const int offset = engine.findPortOffset();
-        QemuLaunchSpec spec;
-        spec.machinePath = machine->path();
-        spec.memoryMegabytes = machine->ramSize();
-        spec.cpuCount = machine->cpuCount();
-        spec.virtio = machine->usesVirtio();
-        spec.portOffset = quint16(offset);
-        spec.shareDir = engine.shareDir();
-        QemuCommandLine(engine.platform()).arguments(spec, QString());
+        QemuLaunchSpec launch;
+        launch.machinePath = machine->path();
+        launch.memoryMegabytes = machine->ramSize();
+        launch.cpuCount = machine->cpuCount();
+        launch.virtio = machine->usesVirtio();
+        launch.portOffset = quint16(offset);
+        launch.shareDir = engine.shareDir();
+        QemuCommandLine(engine.platform()).arguments(launch, QString());
     });
     Bench::reportAbsolute(QStringLiteral("start overhead, 50 devices, 20 offsets busy"), added,
                           QStringLiteral("ms"), 50);

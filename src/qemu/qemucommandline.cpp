@@ -90,41 +90,41 @@ const QVector<QemuCommandLine::PortForward> &QemuCommandLine::portForwards()
 
 QString QemuCommandLine::diskDriveSpec(const QString &path, bool virtio)
 {
-    QString spec = QStringLiteral("file=%1,format=qcow2").arg(path);
+    QString drive = QStringLiteral("file=%1,format=qcow2").arg(path);
     if (virtio)
-        spec += QStringLiteral(",if=virtio");
-    return spec;
+        drive += QStringLiteral(",if=virtio");
+    return drive;
 }
 
-QemuOptionMap QemuCommandLine::defaultOptions(const QemuLaunchSpec &spec) const
+QemuOptionMap QemuCommandLine::defaultOptions(const QemuLaunchSpec &launch) const
 {
     const QString drive = QStringLiteral("-drive");
     QemuOptionMap options;
 
-    options.addText(drive, diskDriveSpec(diskPath(spec.machinePath, QStringLiteral("system.qcow2")),
-                                         spec.virtio));
-    options.addText(drive, diskDriveSpec(diskPath(spec.machinePath, QStringLiteral("data.qcow2")),
-                                         spec.virtio));
+    options.addText(drive, diskDriveSpec(diskPath(launch.machinePath, QStringLiteral("system.qcow2")),
+                                         launch.virtio));
+    options.addText(drive, diskDriveSpec(diskPath(launch.machinePath, QStringLiteral("data.qcow2")),
+                                         launch.virtio));
     options.addText(QStringLiteral("-object"), QStringLiteral("iothread,id=disk-iothread"));
     if (!m_platform.arm64)
         options.addText(QStringLiteral("-vga"), QStringLiteral("std"));
 
-    if (spec.sdCardEnabled) {
-        const QString sdCard = diskPath(spec.machinePath, QStringLiteral("sdcard.qcow2"));
+    if (launch.sdCardEnabled) {
+        const QString sdCard = diskPath(launch.machinePath, QStringLiteral("sdcard.qcow2"));
         const QFileInfo info(sdCard);
         // A missing card only costs the device its external storage, so the start goes on.
         if (info.exists() && info.isReadable() && info.isWritable()) {
-            options.addText(drive, diskDriveSpec(sdCard, spec.virtio));
+            options.addText(drive, diskDriveSpec(sdCard, launch.virtio));
         } else {
             vmWarning("Failed to mount SdCard disk", sdCard,
                       ", disk is either missing or doesn't have RW permission.");
         }
     }
 
-    options.addText(QStringLiteral("-m"), QStringLiteral("%1M").arg(spec.memoryMegabytes));
-    options.addText(QStringLiteral("-smp"), QString::number(spec.cpuCount));
+    options.addText(QStringLiteral("-m"), QStringLiteral("%1M").arg(launch.memoryMegabytes));
+    options.addText(QStringLiteral("-smp"), QString::number(launch.cpuCount));
     if (m_platform.arm64)
-        options.addText(QStringLiteral("-bios"), spec.shareDir + QStringLiteral("/QEMU_EFI.fd"));
+        options.addText(QStringLiteral("-bios"), launch.shareDir + QStringLiteral("/QEMU_EFI.fd"));
     // Two dashes on purpose: the sound card sorts apart from the "-device" entries.
     options.addText(QStringLiteral("--device"), QStringLiteral("ac97,audiodev=snd0"));
     options.addText(QStringLiteral("-audiodev"), m_platform.audioDevice);
@@ -133,30 +133,30 @@ QemuOptionMap QemuCommandLine::defaultOptions(const QemuLaunchSpec &spec) const
     if (m_platform.arm64)
         options.addText(QStringLiteral("-M"), QStringLiteral("virt"));
 
-    options.addText(QStringLiteral("-nic"), networkWithForwards(spec.portOffset));
+    options.addText(QStringLiteral("-nic"), networkWithForwards(launch.portOffset));
     options.addText(QStringLiteral("-nic"),
                     QStringLiteral("user,id=net1,model=virtio-net-pci,net=10.0.3.0/24"));
 
     const QString sharedFolder = QStringLiteral("shared");
-    if (spec.snapshotName.isEmpty() && !spec.virtio) {
+    if (launch.snapshotName.isEmpty() && !launch.virtio) {
         vmDebug("No shapshot available. Load shared folder drive.");
         options.addText(drive, QStringLiteral("format=vvfat,label=shared,id=shared,file=fat:rw:%1/%2")
-                                       .arg(spec.machinePath, sharedFolder));
+                                       .arg(launch.machinePath, sharedFolder));
     }
     // A snapshot restores a guest that already saw the folder; with virtio the guest may
     // have cached it, so it never gets write access then.
-    if (spec.virtio) {
+    if (launch.virtio) {
         options.addText(drive, QStringLiteral("format=vvfat,label=shared,file=fat:ro:%1/%2,if=virtio")
-                                       .arg(spec.machinePath, sharedFolder));
+                                       .arg(launch.machinePath, sharedFolder));
     }
-    if (!spec.snapshotName.isEmpty()) {
-        vmDebug("Starting from snapshot", spec.snapshotName);
-        options.addText(QStringLiteral("-loadvm"), spec.snapshotName);
+    if (!launch.snapshotName.isEmpty()) {
+        vmDebug("Starting from snapshot", launch.snapshotName);
+        options.addText(QStringLiteral("-loadvm"), launch.snapshotName);
     }
 
     options.addText(QStringLiteral("-qmp"), QStringLiteral("tcp:localhost:%1,server,nowait")
-                                                    .arg(QmpBasePort + int(spec.portOffset)));
-    if (!spec.showWindow) {
+                                                    .arg(QmpBasePort + int(launch.portOffset)));
+    if (!launch.showWindow) {
         options.addFlag(QStringLiteral("-nographic"));
         options.addFlag(QStringLiteral("-nodefaults"));
     }
@@ -196,9 +196,9 @@ QStringList QemuCommandLine::flatten(const QemuOptionMap &options)
     return arguments;
 }
 
-QStringList QemuCommandLine::arguments(const QemuLaunchSpec &spec, const QString &overrides) const
+QStringList QemuCommandLine::arguments(const QemuLaunchSpec &launch, const QString &overrides) const
 {
-    QemuOptionMap options = defaultOptions(spec);
+    QemuOptionMap options = defaultOptions(launch);
     applyOverrides(options, overrides);
     return flatten(options);
 }

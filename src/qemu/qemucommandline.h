@@ -36,8 +36,8 @@ public:
 
     explicit QemuCommandLine(const HostPlatform &platform);
 
-    QemuOptionMap defaultOptions(const QemuLaunchSpec &spec) const;
-    QStringList arguments(const QemuLaunchSpec &spec, const QString &overrides) const;
+    QemuOptionMap defaultOptions(const QemuLaunchSpec &launch) const;
+    QStringList arguments(const QemuLaunchSpec &launch, const QString &overrides) const;
 
     // Entries separated by "&", each "-name=value", "-name[index]=value" or "-name=".
     static void applyOverrides(QemuOptionMap &options, const QString &overrides);

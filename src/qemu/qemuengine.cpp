@@ -208,18 +208,18 @@ int QEMUEngine::startMachine(VMToolsMachine *vmMachine, const QString &snapshotN
         return QEMUMachine::StartFailed;
     }
 
-    QemuLaunchSpec spec;
-    spec.machinePath = machine->path();
-    spec.memoryMegabytes = machine->ramSize();
-    spec.cpuCount = machine->cpuCount();
-    spec.virtio = machine->usesVirtio();
-    spec.sdCardEnabled = machine->isSdCardInserted();
-    spec.snapshotName = snapshotName;
-    spec.portOffset = quint16(offset);
-    spec.shareDir = m_shareDir;
-    spec.showWindow = qEnvironmentVariableIsSet("QV_HYPERVISOR_WINDOW");
+    QemuLaunchSpec launch;
+    launch.machinePath = machine->path();
+    launch.memoryMegabytes = machine->ramSize();
+    launch.cpuCount = machine->cpuCount();
+    launch.virtio = machine->usesVirtio();
+    launch.sdCardEnabled = machine->isSdCardInserted();
+    launch.snapshotName = snapshotName;
+    launch.portOffset = quint16(offset);
+    launch.shareDir = m_shareDir;
+    launch.showWindow = qEnvironmentVariableIsSet("QV_HYPERVISOR_WINDOW");
     const QStringList arguments =
-            QemuCommandLine(m_platform).arguments(spec, qEnvironmentVariable("QV_QEMU_START_ARGS"));
+            QemuCommandLine(m_platform).arguments(launch, qEnvironmentVariable("QV_QEMU_START_ARGS"));
 
     vmDebug("Start command:", QemuCommandLine::startCommandText(m_qemuPath, arguments));
     return machine->start(m_qemuPath, arguments, quint16(offset));

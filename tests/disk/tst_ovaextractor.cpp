@@ -35,8 +35,8 @@ const char PythonWriter[] = R"(
 import io, sys, tarfile
 fmt = tarfile.GNU_FORMAT if sys.argv[2] == 'gnu' else tarfile.USTAR_FORMAT
 with tarfile.open(sys.argv[1], 'w', format=fmt) as tf:
-    for spec in sys.argv[3:]:
-        type_hex, name, size, link = spec.split('|')
+    for entry in sys.argv[3:]:
+        type_hex, name, size, link = entry.split('|')
         size = int(size)
         info = tarfile.TarInfo(name)
         info.type = bytes.fromhex(type_hex)

@@ -11,7 +11,7 @@ enum class SdCard { NotAsked, Present, Missing };
 struct Scenario
 {
     const char *name;
-    QemuLaunchSpec spec;
+    QemuLaunchSpec launch;
     QString overrides;
     Platform platform = Platform::Windows;
     SdCard sdCard = SdCard::NotAsked;
@@ -21,18 +21,18 @@ struct Scenario
 // The device the reference command line was written for; scenarios vary one thing each.
 QemuLaunchSpec referenceDevice()
 {
-    QemuLaunchSpec spec;
-    spec.machinePath = QStringLiteral("D");
-    spec.memoryMegabytes = 4096;
-    spec.cpuCount = 4;
-    return spec;
+    QemuLaunchSpec launch;
+    launch.machinePath = QStringLiteral("D");
+    launch.memoryMegabytes = 4096;
+    launch.cpuCount = 4;
+    return launch;
 }
 
 QemuLaunchSpec with(void (*change)(QemuLaunchSpec &))
 {
-    QemuLaunchSpec spec = referenceDevice();
-    change(spec);
-    return spec;
+    QemuLaunchSpec launch = referenceDevice();
+    change(launch);
+    return launch;
 }
 
 const QString coldBootLine = QStringLiteral("debug: [VMTools] No shapshot available. Load shared folder drive.");
@@ -163,14 +163,14 @@ void tst_QemuCommandLine::goldenCommandLine()
 {
     QFETCH(int, index);
     const Scenario scenario = scenarios().at(index);
-    QemuLaunchSpec spec = scenario.spec;
+    QemuLaunchSpec launch = scenario.launch;
 
     // The SD card rule looks at the real file, so those devices live in a real directory
     // whose path is folded back to "D" before comparing.
     QTemporaryDir dir;
     QVERIFY(dir.isValid());
     if (scenario.sdCard != SdCard::NotAsked) {
-        spec.machinePath = dir.path();
+        launch.machinePath = dir.path();
         if (scenario.sdCard == SdCard::Present) {
             QFile card(dir.filePath(QStringLiteral("sdcard.qcow2")));
             QVERIFY(card.open(QIODevice::WriteOnly));
@@ -179,7 +179,7 @@ void tst_QemuCommandLine::goldenCommandLine()
 
     LogCapture log;
     QStringList arguments =
-            QemuCommandLine(hostPlatform(scenario.platform)).arguments(spec, scenario.overrides);
+            QemuCommandLine(hostPlatform(scenario.platform)).arguments(launch, scenario.overrides);
     for (QString &argument : arguments)
         argument.replace(dir.path(), QStringLiteral("D"));
 
@@ -314,11 +314,11 @@ void tst_QemuCommandLine::readOnlySdCardIsSkipped()
     if (QFileInfo(card.fileName()).isWritable())
         QSKIP("running with rights that ignore file permissions");
 
-    QemuLaunchSpec spec = referenceDevice();
-    spec.machinePath = dir.path();
-    spec.sdCardEnabled = true;
+    QemuLaunchSpec launch = referenceDevice();
+    launch.machinePath = dir.path();
+    launch.sdCardEnabled = true;
     LogCapture log;
-    const QStringList arguments = QemuCommandLine(HostPlatform::forWindows()).arguments(spec, QString());
+    const QStringList arguments = QemuCommandLine(HostPlatform::forWindows()).arguments(launch, QString());
     QVERIFY(!arguments.join(QLatin1Char(' ')).contains(QLatin1String("sdcard.qcow2")));
     QVERIFY2(log.contains(QtWarningMsg, QStringLiteral("[VMTools] Failed to mount SdCard disk ")
                                                 + card.fileName()

@@ -535,14 +535,14 @@ void tst_QemuEngine::startMachineLaunches()
     const QStringList calls = qemu.calls();
     QCOMPARE(calls.size(), 1);
     const QStringList arguments = calls.first().split(QLatin1Char('\t'));
-    QemuLaunchSpec spec;
-    spec.machinePath = path;
-    spec.memoryMegabytes = 512;
-    spec.cpuCount = 1;
-    spec.portOffset = quint16(offset);
-    spec.shareDir = engine.shareDir();
-    spec.showWindow = qEnvironmentVariableIsSet("QV_HYPERVISOR_WINDOW");
-    QCOMPARE(arguments, QemuCommandLine(engine.platform()).arguments(spec, QStringLiteral("-smp=3")));
+    QemuLaunchSpec launch;
+    launch.machinePath = path;
+    launch.memoryMegabytes = 512;
+    launch.cpuCount = 1;
+    launch.portOffset = quint16(offset);
+    launch.shareDir = engine.shareDir();
+    launch.showWindow = qEnvironmentVariableIsSet("QV_HYPERVISOR_WINDOW");
+    QCOMPARE(arguments, QemuCommandLine(engine.platform()).arguments(launch, QStringLiteral("-smp=3")));
     QVERIFY(arguments.contains(QStringLiteral("tcp:localhost:%1,server,nowait").arg(23555 + offset)));
     QVERIFY2(log.contains(QtDebugMsg, QStringLiteral("[VMTools] Start command: ")
                                           + QemuCommandLine::startCommandText(engine.qemuPath(), arguments)),
