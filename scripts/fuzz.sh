@@ -17,7 +17,7 @@ if ((${#targets[@]} == 0)); then
     exit 1
 fi
 for t in "${targets[@]}"; do
-    [ -x "$t" ] || continue
+    [ -f "$t" ] && [ -x "$t" ] || continue
     name=$(basename "$t")
     corpus=$(mktemp -d)
     cp -r fuzz/corpus/"${name#fuzz_}"/. "$corpus"/ 2>/dev/null || true
