@@ -1,6 +1,7 @@
 // Listing 1000 devices through the engine against the least a listing must do: reading and
 // parsing the same device.json files with QJsonDocument alone.
 
+#include "benchdevices.h"
 #include "benchsupport.h"
 
 #include "hwprofile.h"
@@ -24,25 +25,7 @@ constexpr int DeviceCount = 1000;
 
 bool createDevices(QEMUEngine &engine)
 {
-    HwProfile profile;
-    profile.source = HwProfile::Source::USER;
-    profile.ramSize = 2048;
-    profile.cpuCount = 2;
-    profile.dataDiskSize = 8192;
-    OsImage image;
-    image.name = QStringLiteral("bench");
-    image.buildDate = QDateTime(QDate(2024, 1, 1), QTime(0, 0), Qt::UTC);
-    image.osVersion = parseVersion(QStringLiteral("11.0.0"));
-    image.imageVersion = parseVersion(QStringLiteral("1.0.0"));
-    image.arch = QStringLiteral("x86_64");
-    for (int i = 0; i < DeviceCount; ++i) {
-        const QString path = engine.devicePath(QStringLiteral("device-%1").arg(i));
-        profile.uuid = QUuid::createUuid().toString(QUuid::WithoutBraces);
-        image.uuid = QUuid::createUuid().toString(QUuid::WithoutBraces);
-        if (!QDir().mkpath(path) || !QEMUMachine(&engine, path, profile, image).save())
-            return false;
-    }
-    return true;
+    return createBenchDevices(engine, DeviceCount);
 }
 
 // Reads every device.json under the devices directory and parses it; answers how many parsed.

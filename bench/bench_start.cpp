@@ -1,6 +1,7 @@
 // What a start costs on top of its fixed wait for QEMU: listing the devices, searching a
 // free port offset and building the argument list, with many devices and busy ports.
 
+#include "benchdevices.h"
 #include "benchsupport.h"
 
 #include "hwprofile.h"
@@ -25,23 +26,7 @@ constexpr int DeviceCount = 50;
 
 bool createDevices(QEMUEngine &engine)
 {
-    HwProfile profile;
-    profile.ramSize = 2048;
-    profile.cpuCount = 2;
-    OsImage image;
-    image.name = QStringLiteral("bench");
-    image.buildDate = QDateTime(QDate(2024, 1, 1), QTime(0, 0), Qt::UTC);
-    image.osVersion = parseVersion(QStringLiteral("11.0.0"));
-    image.imageVersion = parseVersion(QStringLiteral("1.0.0"));
-    image.arch = QStringLiteral("x86_64");
-    for (int i = 0; i < DeviceCount; ++i) {
-        const QString path = engine.devicePath(QStringLiteral("device-%1").arg(i));
-        profile.uuid = QUuid::createUuid().toString(QUuid::WithoutBraces);
-        image.uuid = QUuid::createUuid().toString(QUuid::WithoutBraces);
-        if (!QDir().mkpath(path) || !QEMUMachine(&engine, path, profile, image).save())
-            return false;
-    }
-    return true;
+    return createBenchDevices(engine, DeviceCount);
 }
 
 // Keeps the ADB port of each given offset busy, so the search must pass over them.
