@@ -3,13 +3,14 @@
 
 #include "benchsupport.h"
 
-#include "../tests/integration/ovafixture.h"
+#include "fixtures.h"
 #include "hostdirectories.h"
 #include "qemuengine.h"
 
 #include <QCoreApplication>
 #include <QStandardPaths>
 #include <QTemporaryDir>
+#include <QUrl>
 
 #include <cstdio>
 
@@ -35,12 +36,12 @@ int main(int argc, char *argv[])
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
 
     QString ova;
-    if (!OvaFixture::makeOva(qemuImg, home.path(), &ova)) {
+    if (!makeOva(qemuImg, home.path(), &ova)) {
         std::fprintf(stderr, "bench_deploy: cannot build the archive\n");
         return 1;
     }
-    const OsImage image = OvaFixture::image(ova);
-    const HwProfile profile = OvaFixture::profile(16);
+    const OsImage image = testImage(QUrl::fromLocalFile(ova).toString());
+    const HwProfile profile = testProfile(256, 1, 16);
     QEMUEngine engine;
     QDir().mkpath(engine.devicesDirectory().absolutePath());
 
@@ -51,7 +52,7 @@ int main(int argc, char *argv[])
                                reference.absoluteFilePath(QStringLiteral("data.qcow2"))};
     QList<qint64> converted;
     for (const QString &disk : disks)
-        converted.append(OvaFixture::modifiedMs(disk));
+        converted.append(QFileInfo(disk).lastModified().toMSecsSinceEpoch());
 
     double rest = 0;
     for (int i = 1; i < DeviceCount && ok; ++i) {
@@ -64,7 +65,7 @@ int main(int argc, char *argv[])
         return 1;
     }
     for (int i = 0; i < disks.size(); ++i) {
-        if (OvaFixture::modifiedMs(disks.at(i)) != converted.at(i)) {
+        if (QFileInfo(disks.at(i)).lastModified().toMSecsSinceEpoch() != converted.at(i)) {
             std::fprintf(stderr, "bench_deploy: %s was converted again\n", qPrintable(disks.at(i)));
             return 1;
         }

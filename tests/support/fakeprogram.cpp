@@ -2,7 +2,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QJsonDocument>
 #include <QSaveFile>
 
@@ -17,27 +16,18 @@ FakeProgram::FakeProgram(const QString &binDir, const QString &programName)
     m_path = QDir(binDir).absoluteFilePath(name);
     // A copy, not a link: the process table then shows the program under this name.
     QFile::remove(m_path);
-    m_valid = QFile::copy(QStringLiteral(QV_FAKE_PROGRAM_PATH), m_path);
-    if (m_valid) {
-        QFile::setPermissions(m_path, QFile::permissions(m_path) | QFile::ExeOwner
-                                          | QFile::ReadOwner | QFile::WriteOwner);
-    } else {
-        qWarning("FakeProgram: cannot copy %s to %s", QV_FAKE_PROGRAM_PATH, qPrintable(m_path));
-    }
+    m_valid = QFile::copy(QStringLiteral(QV_FAKE_PROGRAM_PATH), m_path)
+            && QFile::setPermissions(m_path, QFile::permissions(m_path) | QFile::ExeOwner | QFile::WriteOwner);
 }
 
 void FakeProgram::setRules(const QJsonObject &rules)
 {
-    const QFileInfo info(m_path);
-    const QStringList counts =
-            info.dir().entryList({info.fileName() + QLatin1String(".count.*")}, QDir::Files);
-    for (const QString &count : counts)
-        QFile::remove(info.dir().absoluteFilePath(count));
-
+    const QDir dir = QFileInfo(m_path).dir();
+    for (const QString &count : dir.entryList({QFileInfo(m_path).fileName() + QLatin1String(".count.*")}))
+        QFile::remove(dir.absoluteFilePath(count));
     // Written atomically, since a stand-in may be reading the rules at this moment.
     QSaveFile file(m_path + QLatin1String(".rules.json"));
-    if (!file.open(QIODevice::WriteOnly)
-        || file.write(QJsonDocument(rules).toJson()) < 0 || !file.commit())
+    if (!file.open(QIODevice::WriteOnly) || file.write(QJsonDocument(rules).toJson()) < 0 || !file.commit())
         qWarning("FakeProgram: cannot write %s", qPrintable(file.fileName()));
 }
 

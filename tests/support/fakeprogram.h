@@ -4,18 +4,14 @@
 #include <QString>
 #include <QStringList>
 
-// Installs the stand-in program under a real program name (the platform's program suffix
-// is added) in binDir, and scripts its behaviour through its rules file; see
-// tests/support/programs/qvfakeprogram.cpp for the rules format.
+// Installs the stand-in program under a real program name (plus the platform's program suffix)
+// in binDir; its rules file scripts it (format: tests/support/programs/qvfakeprogram.cpp).
 class FakeProgram
 {
 public:
     FakeProgram(const QString &binDir, const QString &programName);
-
-    // Writes the rules and forgets how often "times"-limited rules were used.
-    void setRules(const QJsonObject &rules);
-    // One entry per recorded run (with "calls": true): its arguments joined by tabs.
-    QStringList calls() const;
+    void setRules(const QJsonObject &rules);  // also forgets the uses of "times"-limited rules
+    QStringList calls() const;                // one entry per recorded run: its arguments joined by tabs
     QString path() const { return m_path; }
     bool isValid() const { return m_valid; }
 

@@ -55,22 +55,6 @@ bool LogCapture::contains(QtMsgType type, const QString &text) const
     return lines(type).contains(text);
 }
 
-bool LogCapture::containsPrefix(QtMsgType type, const QString &prefix) const
-{
-    for (const QString &line : lines(type))
-        if (line.startsWith(prefix))
-            return true;
-    return false;
-}
-
-int LogCapture::count(const QString &text) const
-{
-    int n = 0;
-    for (const Entry &e : entries())
-        n += e.text == text ? 1 : 0;
-    return n;
-}
-
 void LogCapture::clear()
 {
     QMutexLocker lock(&m_mutex);

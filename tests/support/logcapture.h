@@ -24,8 +24,6 @@ public:
     QList<Entry> entries() const;
     QStringList lines(QtMsgType type) const;
     bool contains(QtMsgType type, const QString &text) const;          // exact line
-    bool containsPrefix(QtMsgType type, const QString &prefix) const;  // line starts with
-    int count(const QString &text) const;                              // exact line, any level
     void clear();
 
     static QString levelName(QtMsgType type);
