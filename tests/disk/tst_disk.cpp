@@ -1,0 +1,172 @@
+#include "logcapture.h"
+#include "ovaextractor.h"
+#include "qemuimgargs.h"
+#include "tarreader.h"
+#include "testfiles.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+// Differs per member, so a file written under another member's name shows.
+QByteArray content(int member, qint64 size)
+{
+    QByteArray data(int(size), Qt::Uninitialized);
+    for (int i = 0; i < data.size(); ++i)
+        data[i] = char((i * 131 + member * 7 + 1) % 251);
+    return data;
+}
+
+// One header block as the member describes it: "sum" spells the checksum, "flip" changes bytes.
+QByteArray header(const QJsonObject &m, qint64 size)
+{
+    QByteArray h(512, '\0');
+    const auto put = [&h](int at, const QByteArray &bytes) { h.replace(at, bytes.size(), bytes); };
+    QByteArray sizeField = m["sizeField"].toString(QString::number(size, 8).rightJustified(11, '0')).toLatin1();
+    for (int i = 0; size >= (8LL << 30) && i < 12; ++i)  // base 256 from 8 GiB up, as GNU tar writes
+        sizeField[i] = char(i == 0 ? 0x80 : i < 4 ? 0 : (size >> (88 - 8 * i)) & 0xff);
+    put(0, m["name"].toString().toUtf8().left(100));
+    put(100, QByteArray("0000644\0" "0001750\0" "0000144", 23));
+    put(124, sizeField);
+    put(136, "14712345670");
+    put(156, (m["type"].toString("0").toLatin1() + '\0').left(1));
+    put(157, m["link"].toString().toUtf8());
+    put(257, QByteArray("ustar\0" "00", 8));
+    const QString sum = m["sum"].toString();
+    put(148, QByteArray(8, sum == "zeroed" ? '\0' : ' '));
+    int total = 0;
+    for (char c : h)
+        total += sum == "signed" ? int(c) : int(quint8(c));
+    put(148, QByteArray::number(total, 8).rightJustified(6, sum == "spaces" ? ' ' : '0') + (sum == "trailing" ? ' ' : '\0'));
+    for (const QJsonValue &offset : m["flip"].toArray())
+        h[offset.toInt()] = char(h[offset.toInt()] ^ 1);
+    return h;
+}
+
+bool buildArchive(const QJsonArray &members, int cut, const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        return false;
+    for (int i = 0; i < members.size(); ++i) {
+        const qint64 size = qint64(members[i]["size"].toDouble());
+        file.write(header(members[i].toObject(), size));
+        if (size > (1 << 20))  // a hole: big members cost no disk space
+            file.seek(file.pos() + (size + 511) / 512 * 512);
+        else
+            file.write(content(i, size) + QByteArray(int(-size & 511), '\0'));
+    }
+    return file.write(QByteArray(1024, '\0')) == 1024 && file.resize(cut < 0 ? file.size() : cut);
+}
+
+QMap<QString, QByteArray> treeOf(const QString &root)
+{
+    QMap<QString, QByteArray> tree;
+    QDirIterator it(root, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        tree.insert(QDir(root).relativeFilePath(path), it.fileInfo().isSymLink() ? "link" : it.fileInfo().isDir() ? "dir" : fileContents(path));
+    }
+    return tree;
+}
+
+} // namespace
+
+class tst_Disk : public QObject
+{
+    Q_OBJECT
+private slots:
+    void extract_data();
+    void extract();
+    void closedReader();
+    void qemuImgArguments_data();
+    void qemuImgArguments();
+};
+
+void tst_Disk::extract_data()
+{
+    QTest::addColumn<QJsonObject>("row");
+    const QJsonArray rows = QJsonDocument::fromJson(fileContents(QV_TEST_DATA_DIR "/disk/ova.json")).array();
+    QVERIFY(!rows.isEmpty());
+    for (const QJsonValue &row : rows)
+        QTest::newRow(qPrintable(row["case"].toString())) << row.toObject();
+}
+
+void tst_Disk::extract()
+{
+    QFETCH(QJsonObject, row);
+    QTemporaryDir work, parent;  // the archive apart, so that the tree of parent is all the output
+    const QString archive = row.contains("archive") ? parent.filePath(row["archive"].toString()) : work.filePath("image.ova");
+    const QString dest = parent.filePath(row["dest"].toString("dest"));
+    const QJsonArray members = row["members"].toArray();
+    QVERIFY(buildArchive(members, row["cut"].toInt(-1), work.filePath("image.ova")));
+    const QJsonObject before = row["before"].toObject();
+    for (auto it = before.begin(); it != before.end(); ++it) {
+        const QString text = it.value().toString(), path = parent.filePath(it.key());
+        QVERIFY(text.startsWith("->") ? QDir().mkpath(QFileInfo(path).path()) && QFile::link(text.mid(2), path) : writeFile(path, text.toUtf8()));
+    }
+    QMap<QString, QByteArray> tree;  // path: "dir", "link", file contents, or [member, bytes of it]
+    const QJsonObject expectedTree = row["tree"].toObject();
+    for (auto it = expectedTree.begin(); it != expectedTree.end(); ++it) {
+        const int member = it.value()[0].toInt();
+        tree[it.key()] = it.value().isString() ? it.value().toString().toUtf8()
+                                               : content(member, qint64(members[member]["size"].toDouble())).left(it.value()[1].toInt());
+    }
+    QStringList lines;
+    for (const QJsonValue &line : row["log"].toArray())
+        lines << line.toString().replace("{archive}", archive).replace("{dest}", dest).replace("{parent}", parent.path());
+
+    LogCapture log;
+    QCOMPARE(extractOva(archive, dest), row["result"].toInt());
+    QStringList logged;
+    for (const LogCapture::Entry &entry : log.entries())
+        logged << LogCapture::levelName(entry.type) + ": " + entry.text;
+    QCOMPARE(logged, lines);
+    QCOMPARE(treeOf(parent.path()), tree);
+}
+
+void tst_Disk::closedReader()
+{
+    QTemporaryDir dir;
+    const QByteArray path = QFile::encodeName(dir.filePath("a.tar"));
+    QVERIFY(buildArchive({QJsonObject{{"name", "a"}, {"size", 5}}}, -1, path));
+    mtar_t tar;
+    mtar_header_t h;
+    char buffer[8];
+    QCOMPARE(mtar_open(&tar, path, "x"), int(MTAR_EOPENFAIL));
+    QCOMPARE(mtar_open(&tar, path, "r"), int(MTAR_ESUCCESS));
+    QCOMPARE(mtar_current_header(&tar, nullptr), int(MTAR_EFAILURE));
+    QCOMPARE(mtar_read_data(&tar, buffer, 6), int(MTAR_EFAILURE));  // past the record, into the next header
+    QCOMPARE(mtar_close(&tar), int(MTAR_ESUCCESS));
+    // Once closed, every operation fails instead of touching a freed stream.
+    QCOMPARE(mtar_close(&tar), int(MTAR_EFAILURE));
+    QCOMPARE(mtar_current_header(&tar, &h), int(MTAR_EFAILURE));
+    QCOMPARE(mtar_next_record(&tar), int(MTAR_EFAILURE));
+    QCOMPARE(mtar_read_data(&tar, buffer, 1), int(MTAR_EFAILURE));
+}
+
+void tst_Disk::qemuImgArguments_data()
+{
+    using namespace QemuImgArgs;
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QStringList>("expected");
+    QTest::newRow("overlay") << createOverlay("/i/s.qcow2", "/d/s.qcow2") << QStringList{"create", "-f", "qcow2", "-b", "/i/s.qcow2", "-F", "qcow2", "/d/s.qcow2"};
+    QTest::newRow("disk") << createDisk("/d/sd.qcow2", 512) << QStringList{"create", "-f", "qcow2", "/d/sd.qcow2", "512M"};
+    QTest::newRow("convert") << convertToQcow2("/i/a b.vmdk", "/i/a.qcow2") << QStringList{"convert", "-O", "qcow2", "/i/a b.vmdk", "/i/a.qcow2"};
+    QTest::newRow("list snapshots") << listSnapshots("/d/s.qcow2") << QStringList{"snapshot", "-l", "/d/s.qcow2"};
+    QTest::newRow("delete snapshot") << deleteSnapshot("snap 1", "/d/s.qcow2") << QStringList{"snapshot", "-d", "snap 1", "/d/s.qcow2"};
+    QTest::newRow("resize") << resize("/d/sd.qcow2", 8192) << QStringList{"resize", "/d/sd.qcow2", "8192M"};
+}
+
+void tst_Disk::qemuImgArguments()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QStringList, expected);
+    QCOMPARE(arguments, expected);
+}
+
+QTEST_GUILESS_MAIN(tst_Disk)
+#include "tst_disk.moc"
