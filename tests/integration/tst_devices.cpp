@@ -1,304 +1,237 @@
+#include "commandrunner.h"
+#include "fakeprogram.h"
+#include "fixtures.h"
 #include "hostdirectories.h"
 #include "logcapture.h"
-#include "ovafixture.h"
 #include "processutils.h"
+#include "qemuclient.h"
 #include "qemuengine.h"
 #include "qemumachine.h"
 #include "testenv.h"
+#include "testfiles.h"
 
+#include <QElapsedTimer>
+#include <QJsonArray>
 #include <QJsonDocument>
-#include <QJsonObject>
 #include <QSettings>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <csignal>
 #include <memory>
 
-using namespace OvaFixture;
-
-// Devices made from a real OVA with the real qemu-img and QEMU: creation reuses the
-// converted reference disks, snapshots go through a running QEMU, clones and resets end
-// with the right bytes on disk.
+// Devices made from a real OVA by the real qemu-img and run by the real QEMU, both reached
+// through stand-ins: the qemu-img one records every call and fails the chosen one. The case
+// tables are tests/data/integration/devices.json; calls there read $REF for the reference
+// folder and $DEV for the devices folder.
 class tst_Devices : public QObject
 {
     Q_OBJECT
+    QTemporaryDir m_home;
+    QString m_img, m_ref, m_devs;
+    OsImage m_image;
+    std::unique_ptr<FakeProgram> m_fake;
+    std::unique_ptr<QEMUEngine> m_engine;
+    QProcess m_holder;
+    qint64 m_pid = 0;
+
+    static void rows(const char *table)
+    {
+        QTest::addColumn<QJsonObject>("row");
+        const QJsonObject tables = jsonFileObject(QV_TEST_DATA_DIR "/integration/devices.json");
+        for (const QJsonValue &row : tables.value(table).toArray())
+            QTest::newRow(qPrintable(row["name"].toString())) << row.toObject();
+    }
+    void script(const QJsonArray &rules = {})
+    {
+        QFile::remove(m_fake->path() + ".calls");
+        m_fake->setRules({{"passthrough", m_img}, {"calls", true}, {"rules", rules}});
+    }
+    QString calls() const { return m_fake->calls().join('\n').replace('\t', ' ').replace(m_ref, "$REF").replace(m_devs, "$DEV"); }
+    QString tool(const QStringList &arguments)
+    {
+        QProcess process;
+        process.start(m_img, arguments);
+        return process.waitForFinished(30000) ? QString::fromUtf8(process.readAllStandardOutput()) : QString();
+    }
+    double virtualSize(const QString &disk) { return QJsonDocument::fromJson(tool({"info", "-U", "--output=json", disk}).toUtf8())["virtual-size"].toDouble(); }
+    std::unique_ptr<QEMUMachine> load(const QString &name) { return std::unique_ptr<QEMUMachine>(static_cast<QEMUMachine *>(m_engine->loadMachine(name))); }
 
 private slots:
-    void initTestCase();
-    void cleanupTestCase();
-    void createReusesReferenceDisks();
-    void snapshots();
-    void cloneStoppedDevice();
-    void resizeSdCard();
-    void factoryReset();
-    void factoryResetWithoutReferenceDisks_data();
-    void factoryResetWithoutReferenceDisks();
+    void initTestCase()
+    {
+        QV_REQUIRE_PROGRAM(img, "qemu-img");
+        QV_REQUIRE_PROGRAM(tar, "tar");
+        QV_REQUIRE_PROGRAM(qemu, "qemu-system-x86_64");
+        m_img = img;
+        QVERIFY(m_home.isValid());
+        qputenv("QV_HOME", m_home.path().toUtf8());
+        qputenv("QV_QEMU_BIN_DIR", m_home.filePath("bin").toUtf8());
+        m_fake = std::make_unique<FakeProgram>(m_home.filePath("bin"), "qemu-img");
+        FakeProgram system(m_home.filePath("bin"), "qemu-system-x86_64");
+        system.setRules({{"passthrough", qemu}});
+        QString ova;
+        QVERIFY(m_fake->isValid() && system.isValid() && makeOva(m_img, m_home.path(), &ova));
+        m_image = testImage(QUrl::fromLocalFile(ova).toString());
+        m_engine = std::make_unique<QEMUEngine>();
+        m_ref = QDir::cleanPath(systemImageDirectory(m_image.osVersion, m_image.imageVersion));
+        m_devs = m_engine->devicesDirectory().absolutePath();
+    }
+    void init()
+    {
+        script();
+        setDefaultCommandTimeoutForTesting(0);
+        // Failed conversions take the reference disks with them; later rows need them back.
+        for (const QString &vmdk : {m_ref + "/system.vmdk", m_ref + "/data.vmdk"})
+            if (QFile::exists(vmdk) && QFileInfo(QString(vmdk).replace(".vmdk", ".qcow2")).size() == 0)
+                QVERIFY((QFile::remove(QString(vmdk).replace(".vmdk", ".qcow2")), runTool(m_img, {"convert", "-O", "qcow2", vmdk, QString(vmdk).replace(".vmdk", ".qcow2")})));
+    }
+    void cleanup()
+    {
+        // Whatever happened, no QEMU of this test outlives it.
+        if (m_pid > 0 && isRunning(quint32(m_pid)))
+            destroyProcess(quint32(m_pid));
+        m_holder.kill();
+        m_holder.waitForFinished(5000);
+    }
 
-private:
-    std::unique_ptr<QEMUMachine> load(const QString &name);
-    QString referenceFile(const QString &fileName) const;
-    QJsonObject qemuImgInfo(const QString &disk) const;
-    QStringList snapshotTags(const QString &disk) const;
+    void create_data() { rows("create"); }
+    void create()
+    {
+        QFETCH(const QJsonObject, row);
+        const QString name = row["device"].toString(), dev = m_devs + "/" + name;
+        const auto before = treeHashes(m_devs);
+        LogCapture log;
+        QCOMPARE(m_engine->createDevice(name, m_image, testProfile(256, 1, row["sdCard"].toInt())), row["result"].toInt());
+        QCOMPARE(calls(), row["calls"].toVariant().toStringList().join('\n'));
+        if (row["result"].toInt() != 0) {
+            QVERIFY2(log.contains(QtCriticalMsg, "[VMTools] " + row["message"].toString()), qPrintable(log.dump()));
+            QCOMPARE(treeHashes(m_devs), before);
+            return;
+        }
+        QCOMPARE(fileHash(dev + "/data.qcow2"), fileHash(m_ref + "/data.qcow2"));
+        QCOMPARE(virtualSize(dev + "/sdcard.qcow2"), row["sdCard"].toInt() * 1048576.0);
+        QCOMPARE(load(name)->osImage().uuid, m_image.uuid);
+    }
 
-    QTemporaryDir m_home;
-    QString m_img;
-    QString m_qemu;
-    OsImage m_image;
-    std::unique_ptr<QEMUEngine> m_engine;
-    qint64 m_qemuPid = 0;
+    void diskWork()
+    {
+        auto keep = load("keep");
+        const QString dev = m_devs + "/keep";
+        // A reset brings back every file as made, whatever happened to the two disks.
+        const auto fresh = treeHashes(dev);
+        QVERIFY(writeFile(dev + "/data.qcow2", "dirty") && writeFile(dev + "/system.qcow2", "dirty"));
+        QCOMPARE(m_engine->factoryReset(keep.get()), 0);
+        QCOMPARE(treeHashes(dev), fresh);
+        QCOMPARE(calls(), "create -f qcow2 -b $REF/system.qcow2 -F qcow2 $DEV/keep/system.qcow2");
+
+        script();
+        QVERIFY(keep->setSdCardSize(64));
+        QCOMPARE(calls(), "resize $DEV/keep/sdcard.qcow2 64M");
+        QCOMPARE(virtualSize(dev + "/sdcard.qcow2"), 64 * 1048576.0);
+
+        // Only tags of letters, digits and '_' are listed; the system disk decides a deletion.
+        for (const char *tag : {"booted", "odd-tag"})
+            QVERIFY(runTool(m_img, {"snapshot", "-c", tag, dev + "/system.qcow2"}));
+        QVERIFY(runTool(m_img, {"snapshot", "-c", "booted", dev + "/sdcard.qcow2"}) && writeFile(keep->snapshotFilePath(), "state"));
+        script();
+        QCOMPARE(m_engine->listSnapshots(keep.get()), QStringList{"booted"});
+        QVERIFY(m_engine->deleteSnapshot(keep.get(), "booted") && m_engine->deleteSnapshot(keep.get(), "absent"));
+        QCOMPARE(calls(), "snapshot -l $DEV/keep/system.qcow2\nsnapshot -l $DEV/keep/system.qcow2\nsnapshot -d booted $DEV/keep/system.qcow2\n"
+                          "snapshot -d booted $DEV/keep/data.qcow2\nsnapshot -d booted $DEV/keep/sdcard.qcow2\nsnapshot -l $DEV/keep/system.qcow2");
+        const QString left = tool({"snapshot", "-l", dev + "/system.qcow2"});
+        QVERIFY2(left.contains("odd-tag") && !left.contains("booted"), qPrintable(left));
+        QCOMPARE(tool({"snapshot", "-l", dev + "/sdcard.qcow2"}), QString());
+        QVERIFY(!QFile::exists(keep->snapshotFilePath()));
+    }
+
+    void clone()
+    {
+        auto source = load("keep");
+        std::unique_ptr<VMToolsMachine> copy(m_engine->cloneMachine(source.get(), "copy"));
+        QVERIFY(copy && !QUuid(copy->uuid()).isNull() && copy->uuid() != source->uuid());
+        // The same files, but for the new uuid in the description.
+        const QString json = "/shared/config/device.json";
+        QByteArray text = fileContents(m_devs + "/copy" + json);
+        QCOMPARE(QJsonDocument::fromJson(text.replace(copy->uuid().toUtf8(), source->uuid().toUtf8())), QJsonDocument::fromJson(fileContents(m_devs + "/keep" + json)));
+        auto expected = treeHashes(m_devs + "/keep");
+        expected[json.mid(1)] = fileHash(m_devs + "/copy" + json);
+        QCOMPARE(treeHashes(m_devs + "/copy"), expected);
+        const auto before = treeHashes(m_devs);
+        LogCapture log;
+        QVERIFY(!m_engine->cloneMachine(source.get(), "bare"));
+        QVERIFY(log.contains(QtCriticalMsg, "[VMTools] Can't clone to already existing device bare"));
+        QCOMPARE(treeHashes(m_devs), before);
+    }
+
+    void faults_data() { rows("faults"); }
+    void faults()
+    {
+        QFETCH(const QJsonObject, row);
+        // "moved": a reference file put aside (a trailing '/' leaves a folder in its place);
+        // "gone": a reference disk converted again, whose half-made copy must not stay.
+        const QString moved = row["moved"].toString(), gone = row["gone"].toString();
+        const int sleepMs = row["sleepMs"].toInt();
+        auto keep = load("keep");
+        QVERIFY(keep->setConfigurationValue("device_upgraded_at_least_once", row["upgraded"].toBool()));
+        const QString aside = m_home.filePath("aside"), reference = m_ref + "/" + QString(moved).remove('/');
+        QVERIFY(moved.isEmpty() || (QFile::rename(reference, aside) && (!moved.endsWith('/') || QDir().mkpath(reference))));
+        QJsonObject rule{{"match", row["match"]}, {"exit", sleepMs ? 0 : 1}, {"stderr", "injected"}, {"sleep_ms", sleepMs}};
+        if (!gone.isEmpty())
+            rule["create_file_arg"] = -1;  // as the real tool does, a failed conversion leaves its target
+        script(row.contains("match") ? QJsonArray{rule} : QJsonArray());
+        QVERIFY(gone.isEmpty() || QFile::remove(m_ref + "/" + gone));
+        setDefaultCommandTimeoutForTesting(sleepMs / 5);
+        const auto before = treeHashes(m_devs);
+        LogCapture log;
+        QElapsedTimer timer;
+        timer.start();
+        const int result = row["reset"].toBool() ? m_engine->factoryReset(keep.get()) : m_engine->createDevice("new", m_image, testProfile(256, 1, 8));
+        QVERIFY(timer.elapsed() < 4000);
+        QVERIFY(moved.isEmpty() || (QDir(reference).removeRecursively() && QFile::rename(aside, reference)));
+        QCOMPARE(result, row["result"].toInt());
+        QEXPECT_FAIL("conversion past the limit", "a conversion still running at the limit counts as done", Abort);
+        QVERIFY2(log.contains(QtCriticalMsg, "[VMTools] " + row["message"].toString()), qPrintable(log.dump()));
+        QCOMPARE(treeHashes(m_devs), before);
+        QVERIFY(!QFileInfo::exists(m_devs + "/new") && (gone.isEmpty() || !QFile::exists(m_ref + "/" + gone)));
+    }
+
+    void startStop_data() { rows("startStop"); }
+    void startStop()
+    {
+        QFETCH(const QJsonObject, row);
+        const int offset = row["offset"].toInt(), result = row["result"].toInt();
+        const QString message = row["message"].toString();
+        QTcpServer foreign;
+        QTRY_VERIFY_WITH_TIMEOUT(!row["portTaken"].toBool() || foreign.isListening() || foreign.listen(QHostAddress::Any, 6555), 5000);
+        auto machine = load("keep");
+        const QString system = machine->path() + "/system.qcow2";
+        if (row["diskHeld"].toBool()) {
+            m_holder.start(m_engine->qemuPath(), {"-nodefaults", "-display", "none", "-S", "-m", "64M", "-drive", "file=" + system + ",format=qcow2"});
+            QTRY_VERIFY_WITH_TIMEOUT(!runTool(m_img, {"info", system}, 5000), 10000);  // the image lock is taken
+        }
+        LogCapture log;
+        QCOMPARE(m_engine->startMachine(machine.get(), QString()), result);
+        m_pid = QSettings(machine->lockFilePath(), QSettings::IniFormat).value("pid").toLongLong();
+        if (result != QEMUMachine::StartRunning) {
+            QVERIFY2(log.contains(QtCriticalMsg, message), qPrintable(log.dump()));
+            return;
+        }
+        QCOMPARE(processNameByPid(quint32(m_pid)), QString("qemu-system-x86_64"));
+        QCOMPARE(machine->adbSerial(), QString("127.0.0.1:%1").arg(6555 + offset));
+        QVERIFY2(QEMUClient(quint16(23555 + offset)).init(), qPrintable(log.dump()));
+        // Already running: nothing new is launched.
+        QCOMPARE(m_engine->startMachine(machine.get(), QString()), result);
+        QCOMPARE(QSettings(machine->lockFilePath(), QSettings::IniFormat).value("pid").toLongLong(), m_pid);
+        QVERIFY(!row["frozen"].toBool() || ::kill(pid_t(m_pid), SIGSTOP) == 0);
+        QVERIFY(m_engine->stopMachine(machine.get()));
+        QCOMPARE(log.lines(QtCriticalMsg).filter("gracefully").join("\n"), message);  // the client may add its own lines
+        QVERIFY(!QFile::exists(machine->lockFilePath()));
+        QTRY_VERIFY_WITH_TIMEOUT(!isRunning(quint32(m_pid)), 5000);
+        QCOMPARE(machine->status(), int(VMToolsMachine::StatePoweredOff));
+    }
 };
-
-void tst_Devices::initTestCase()
-{
-    QV_REQUIRE_PROGRAM(img, "qemu-img");
-    QV_REQUIRE_PROGRAM(tar, "tar");
-    m_img = img;
-    m_qemu = requiredProgramPath(QStringLiteral("qemu-system-x86_64"));
-    QVERIFY(m_home.isValid());
-    qputenv("QV_HOME", m_home.path().toUtf8());
-    qputenv("QV_QEMU_BIN_DIR", QFileInfo(img).absolutePath().toUtf8());
-    qunsetenv("QV_TRIGGER_ERROR");
-    qunsetenv("QV_QEMU_START_ARGS");
-    QString ova;
-    QVERIFY(makeOva(m_img, m_home.path(), &ova));
-    m_image = image(ova);
-    m_engine = std::make_unique<QEMUEngine>();
-    QVERIFY(QDir().mkpath(m_engine->devicesDirectory().absolutePath()));
-    // Every later case works on devices of this image.
-    QCOMPARE(m_engine->createDevice(QStringLiteral("alpha"), m_image, profile(16)), 0);
-}
-
-void tst_Devices::cleanupTestCase()
-{
-    if (m_qemuPid > 0 && isRunning(quint32(m_qemuPid)))
-        destroyProcess(quint32(m_qemuPid));
-    m_engine.reset();
-}
-
-std::unique_ptr<QEMUMachine> tst_Devices::load(const QString &name)
-{
-    return std::unique_ptr<QEMUMachine>(static_cast<QEMUMachine *>(m_engine->loadMachine(name)));
-}
-
-QString tst_Devices::referenceFile(const QString &fileName) const
-{
-    return QDir(systemImageDirectory(m_image.osVersion, m_image.imageVersion)).absoluteFilePath(fileName);
-}
-
-QJsonObject tst_Devices::qemuImgInfo(const QString &disk) const
-{
-    QProcess process;
-    process.start(m_img, {QStringLiteral("info"), QStringLiteral("-U"), QStringLiteral("--output=json"), disk});
-    if (!process.waitForFinished(30000) || process.exitCode() != 0)
-        return QJsonObject();
-    return QJsonDocument::fromJson(process.readAllStandardOutput()).object();
-}
-
-QStringList tst_Devices::snapshotTags(const QString &disk) const
-{
-    QProcess process;
-    process.start(m_img, {QStringLiteral("snapshot"), QStringLiteral("-U"), QStringLiteral("-l"), disk});
-    if (!process.waitForFinished(30000) || process.exitCode() != 0)
-        return {QStringLiteral("<qemu-img failed>")};
-    QStringList tags;
-    const QStringList lines = QString::fromUtf8(process.readAllStandardOutput()).split(QLatin1Char('\n'));
-    for (const QString &line : lines) {
-        const QStringList fields = line.simplified().split(QLatin1Char(' '));
-        if (fields.size() > 1 && fields.first().toInt() > 0)
-            tags.append(fields.at(1));
-    }
-    return tags;
-}
-
-void tst_Devices::createReusesReferenceDisks()
-{
-    const QString alpha = m_engine->devicePath(QStringLiteral("alpha"));
-    QVERIFY(QFile::exists(alpha + QStringLiteral("/sdcard.qcow2")));
-    QCOMPARE(qemuImgInfo(alpha + QStringLiteral("/sdcard.qcow2")).value(QStringLiteral("virtual-size")).toDouble(),
-             16.0 * 1024 * 1024);
-    QCOMPARE(QFileInfo(qemuImgInfo(alpha + QStringLiteral("/system.qcow2"))
-                               .value(QStringLiteral("backing-filename")).toString()).canonicalFilePath(),
-             QFileInfo(referenceFile(QStringLiteral("system.qcow2"))).canonicalFilePath());
-    QCOMPARE(fileHash(alpha + QStringLiteral("/data.qcow2")), fileHash(referenceFile(QStringLiteral("data.qcow2"))));
-
-    // A second device of the same image converts nothing again; SD card size 0 makes no card.
-    const qint64 systemTime = modifiedMs(referenceFile(QStringLiteral("system.qcow2")));
-    const qint64 dataTime = modifiedMs(referenceFile(QStringLiteral("data.qcow2")));
-    QTest::qWait(20);
-    QCOMPARE(m_engine->createDevice(QStringLiteral("beta"), m_image, profile(0)), 0);
-    QCOMPARE(modifiedMs(referenceFile(QStringLiteral("system.qcow2"))), systemTime);
-    QCOMPARE(modifiedMs(referenceFile(QStringLiteral("data.qcow2"))), dataTime);
-    const QString beta = m_engine->devicePath(QStringLiteral("beta"));
-    QVERIFY(QFile::exists(beta + QStringLiteral("/system.qcow2")));
-    QVERIFY(!QFile::exists(beta + QStringLiteral("/sdcard.qcow2")));
-    auto machine = load(QStringLiteral("beta"));
-    QVERIFY(machine);
-    QCOMPARE(machine->osImage().imageUri, m_image.imageUri);
-
-    // An existing name is refused and its directory stays byte for byte.
-    const auto before = treeHashes(alpha);
-    LogCapture log;
-    QCOMPARE(m_engine->createDevice(QStringLiteral("alpha"), m_image, profile(0)), 1);
-    QVERIFY2(log.contains(QtCriticalMsg, "[VMTools] Can't create already existing device alpha"),
-             qPrintable(log.dump()));
-    QCOMPARE(treeHashes(alpha), before);
-}
-
-void tst_Devices::snapshots()
-{
-    if (m_qemu.isEmpty()) {
-        if (programsAreRequired())
-            QFAIL("qemu-system-x86_64 is not installed and QV_REQUIRE_QEMU=1");
-        QSKIP("qemu-system-x86_64 is not installed");
-    }
-    std::unique_ptr<VMToolsMachine> created(
-            m_engine->createMachine(QStringLiteral("snappy"), m_image, profile(8), QVariantMap()));
-    QVERIFY(created);
-    auto machine = load(QStringLiteral("snappy"));
-    QVERIFY(machine);
-    QVERIFY(m_engine->listSnapshots(machine.get()).isEmpty());
-
-    LogCapture log;
-    QCOMPARE(m_engine->startMachine(machine.get(), QString()), int(QEMUMachine::StartRunning));
-    m_qemuPid = QSettings(machine->lockFilePath(), QSettings::IniFormat).value(QStringLiteral("pid")).toLongLong();
-    const bool saved = m_engine->saveSnapshot(machine.get(), QStringLiteral("booted"));
-    QVERIFY(m_engine->stopMachine(machine.get()));
-    QVERIFY2(saved, qPrintable(log.dump()));
-    QTRY_VERIFY_WITH_TIMEOUT(!isRunning(quint32(m_qemuPid)), 5000);
-
-    const QString dir = machine->path();
-    const QStringList disks = {dir + QStringLiteral("/system.qcow2"), dir + QStringLiteral("/data.qcow2"),
-                               dir + QStringLiteral("/sdcard.qcow2")};
-    for (const QString &disk : disks)
-        QCOMPARE(snapshotTags(disk), QStringList{QStringLiteral("booted")});
-
-    // A tag with a character outside letters, digits and '_' is not listed (kept as it stands).
-    QVERIFY(run(m_img, {QStringLiteral("snapshot"), QStringLiteral("-c"), QStringLiteral("odd-tag"), disks.first()}));
-    QCOMPARE(m_engine->listSnapshots(machine.get()), QStringList{QStringLiteral("booted")});
-
-    // An unknown name deletes nothing and still succeeds.
-    QVERIFY(m_engine->deleteSnapshot(machine.get(), QStringLiteral("absent")));
-    QCOMPARE(snapshotTags(disks.at(1)), QStringList{QStringLiteral("booted")});
-
-    for (const QString &path : {machine->snapshotFilePath(), machine->snapshotExtraFilePath()}) {
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("state");
-    }
-    QVERIFY(m_engine->deleteSnapshot(machine.get(), QStringLiteral("booted")));
-    QCOMPARE(snapshotTags(disks.at(0)), QStringList{QStringLiteral("odd-tag")});
-    QCOMPARE(snapshotTags(disks.at(1)), QStringList());
-    QCOMPARE(snapshotTags(disks.at(2)), QStringList());
-    QVERIFY(!QFile::exists(machine->snapshotFilePath()));
-    QVERIFY(!QFile::exists(machine->snapshotExtraFilePath()));
-    QVERIFY(m_engine->listSnapshots(machine.get()).isEmpty());
-}
-
-void tst_Devices::cloneStoppedDevice()
-{
-    auto source = load(QStringLiteral("alpha"));
-    QVERIFY(source);
-    std::unique_ptr<VMToolsMachine> clone(m_engine->cloneMachine(source.get(), QStringLiteral("alpha-copy")));
-    QVERIFY(clone);
-    QVERIFY(clone->uuid() != source->uuid());
-    QVERIFY(!clone->uuid().contains(QLatin1Char('{')));
-    QVERIFY(!QUuid(clone->uuid()).isNull());
-
-    // Every file is equal, but for the uuid in the device files.
-    const QString from = source->path();
-    const QString to = m_engine->devicePath(QStringLiteral("alpha-copy"));
-    const auto expected = treeHashes(from);
-    const auto actual = treeHashes(to);
-    QCOMPARE(actual.keys(), expected.keys());
-    QVERIFY(expected.contains(QStringLiteral("data.qcow2")));
-    for (auto it = expected.cbegin(); it != expected.cend(); ++it) {
-        if (actual.value(it.key()) == it.value())
-            continue;
-        QVERIFY2(it.key().endsWith(QLatin1String("device.json")), qPrintable(it.key()));
-        QFile cloned(to + QLatin1Char('/') + it.key());
-        QFile original(from + QLatin1Char('/') + it.key());
-        QVERIFY(cloned.open(QIODevice::ReadOnly) && original.open(QIODevice::ReadOnly));
-        QByteArray clonedText = cloned.readAll();
-        QVERIFY(clonedText.contains(clone->uuid().toUtf8()));
-        clonedText.replace(clone->uuid().toUtf8(), source->uuid().toUtf8());
-        QCOMPARE(QJsonDocument::fromJson(clonedText), QJsonDocument::fromJson(original.readAll()));
-    }
-
-    // Onto an existing name: refused before anything is written.
-    const auto beta = treeHashes(m_engine->devicePath(QStringLiteral("beta")));
-    LogCapture log;
-    QVERIFY(!m_engine->cloneMachine(source.get(), QStringLiteral("beta")));
-    QVERIFY2(log.contains(QtCriticalMsg, "[VMTools] Can't clone to already existing device beta"),
-             qPrintable(log.dump()));
-    QCOMPARE(treeHashes(m_engine->devicePath(QStringLiteral("beta"))), beta);
-}
-
-void tst_Devices::resizeSdCard()
-{
-    auto machine = load(QStringLiteral("alpha"));
-    QVERIFY(machine);
-    QVERIFY(machine->setSdCardSize(64));
-    QCOMPARE(machine->sdCardSize(), qint64(64));
-    const QString card = machine->path() + QStringLiteral("/sdcard.qcow2");
-    QCOMPARE(qemuImgInfo(card).value(QStringLiteral("virtual-size")).toDouble(), 64.0 * 1024 * 1024);
-    QCOMPARE(load(QStringLiteral("alpha"))->sdCardSize(), qint64(64));
-    QVERIFY(!m_engine->resizeDisk(machine.get(), machine->path() + QStringLiteral("/missing.qcow2"), 8));
-}
-
-void tst_Devices::factoryReset()
-{
-    QV_REQUIRE_PROGRAM(qemuIo, "qemu-io");
-    auto machine = load(QStringLiteral("alpha"));
-    QVERIFY(machine);
-    const QString dir = machine->path();
-    for (const QString &disk : {QStringLiteral("/data.qcow2"), QStringLiteral("/system.qcow2")})
-        QVERIFY(run(qemuIo, {QStringLiteral("-c"), QStringLiteral("write -P 0xab 0 256k"), dir + disk}));
-    QVERIFY(fileHash(dir + QStringLiteral("/data.qcow2")) != fileHash(referenceFile(QStringLiteral("data.qcow2"))));
-    const QByteArray card = fileHash(dir + QStringLiteral("/sdcard.qcow2"));
-    const QByteArray json = fileHash(dir + QStringLiteral("/device.json"));
-    const qint64 overlaySize = QFileInfo(dir + QStringLiteral("/system.qcow2")).size();
-
-    QCOMPARE(m_engine->factoryReset(machine.get()), 0);
-    QCOMPARE(fileHash(dir + QStringLiteral("/data.qcow2")), fileHash(referenceFile(QStringLiteral("data.qcow2"))));
-    QCOMPARE(fileHash(dir + QStringLiteral("/sdcard.qcow2")), card);
-    QCOMPARE(fileHash(dir + QStringLiteral("/device.json")), json);
-    QVERIFY(QFileInfo(dir + QStringLiteral("/system.qcow2")).size() < overlaySize);
-    QVERIFY(!qemuImgInfo(dir + QStringLiteral("/system.qcow2")).value(QStringLiteral("backing-filename")).toString().isEmpty());
-
-    LogCapture log;
-    QCOMPARE(m_engine->factoryReset(nullptr), 2);
-    QVERIFY2(log.contains(QtCriticalMsg, "[VMTools] Cannot factory reset null machine"), qPrintable(log.dump()));
-}
-
-void tst_Devices::factoryResetWithoutReferenceDisks_data()
-{
-    QTest::addColumn<QString>("removed");
-    QTest::addColumn<bool>("upgraded");
-    QTest::addColumn<int>("expected");
-    QTest::newRow("system gone, never upgraded") << "system.qcow2" << false << 2;
-    QTest::newRow("data gone, upgraded") << "data.qcow2" << true << 3;
-    QTest::newRow("system gone, upgraded") << "system.qcow2" << true << 3;
-}
-
-void tst_Devices::factoryResetWithoutReferenceDisks()
-{
-    QFETCH(QString, removed);
-    QFETCH(bool, upgraded);
-    QFETCH(int, expected);
-    auto machine = load(QStringLiteral("beta"));
-    QVERIFY(machine);
-    QVERIFY(machine->setConfigurationValue(QStringLiteral("device_upgraded_at_least_once"), upgraded));
-    const auto before = treeHashes(machine->path());
-    const QString reference = referenceFile(removed);
-    const QString aside = m_home.path() + QStringLiteral("/aside.qcow2");
-    QVERIFY(QFile::rename(reference, aside));
-    LogCapture log;
-    const int result = m_engine->factoryReset(machine.get());
-    QVERIFY(QFile::rename(aside, reference));
-    QCOMPARE(result, expected);
-    QVERIFY2(log.contains(QtCriticalMsg, "[VMTools] Reference disks don't exist"), qPrintable(log.dump()));
-    QCOMPARE(treeHashes(machine->path()), before);
-}
 
 QTEST_GUILESS_MAIN(tst_Devices)
 #include "tst_devices.moc"
