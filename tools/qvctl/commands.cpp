@@ -339,18 +339,20 @@ int Commands::check()
     const bool virtualization = m_engine->isVirtualizationSupported();
     const bool ok = errors.isEmpty() && versionOk;
 
+    const QJsonObject report{{QStringLiteral("ok"), ok},
+                             {QStringLiteral("engine"), m_engine->name()},
+                             {QStringLiteral("installationErrors"), QJsonArray::fromStringList(errors)},
+                             {QStringLiteral("version"), m_engine->versionString()},
+                             {QStringLiteral("minimumVersion"), versionText(minimum)},
+                             {QStringLiteral("maximumVersion"), versionText(maximum)},
+                             {QStringLiteral("versionSupported"), versionOk},
+                             {QStringLiteral("acceleration"), acceleration},
+                             {QStringLiteral("cpuVendor"), m_engine->cpuVendor()},
+                             {QStringLiteral("cpuVirtualization"), virtualization},
+                             {QStringLiteral("devicesDirectory"), m_engine->devicesDirectory().absolutePath()}};
     if (m_out.isJson()) {
-        m_out.json({{QStringLiteral("ok"), ok},
-                    {QStringLiteral("engine"), m_engine->name()},
-                    {QStringLiteral("installationErrors"), QJsonArray::fromStringList(errors)},
-                    {QStringLiteral("version"), m_engine->versionString()},
-                    {QStringLiteral("minimumVersion"), versionText(minimum)},
-                    {QStringLiteral("maximumVersion"), versionText(maximum)},
-                    {QStringLiteral("versionSupported"), versionOk},
-                    {QStringLiteral("acceleration"), acceleration},
-                    {QStringLiteral("cpuVendor"), m_engine->cpuVendor()},
-                    {QStringLiteral("cpuVirtualization"), virtualization},
-                    {QStringLiteral("devicesDirectory"), m_engine->devicesDirectory().absolutePath()}});
+        if (ok)
+            m_out.json(report);  // a failure prints the report as part of its one object
     } else {
         m_out.fields({{QStringLiteral("Engine"), m_engine->name()},
                       {QStringLiteral("Installation"), errors.isEmpty() ? QStringLiteral("ok") : errors.join(QStringLiteral("; "))},
@@ -365,10 +367,10 @@ int Commands::check()
     }
     if (!errors.isEmpty())
         return m_out.fail(ExitCode::Failure, QStringLiteral("QEMU is not installed correctly. Install QEMU (scripts/install-deps.sh) or point QV_QEMU_BIN_DIR at its directory."),
-                          QStringLiteral("qemunotinstalled"));
+                          QStringLiteral("qemunotinstalled"), report);
     if (!versionOk)
         return m_out.fail(ExitCode::Failure, QStringLiteral("QEMU %1 is outside the supported range. Install a supported QEMU version.")
-                                                 .arg(m_engine->versionString()));
+                                                 .arg(m_engine->versionString()), QString(), report);
     return ExitCode::Success;
 }
 

@@ -63,15 +63,17 @@ void Output::json(const QJsonObject &object) const
     std::fflush(stdout);
 }
 
-int Output::fail(int exitCode, const QString &message, const QString &identifier) const
+int Output::fail(int exitCode, const QString &message, const QString &identifier,
+                 const QJsonObject &details) const
 {
     const QString prefix = identifier.isEmpty() ? QString() : identifier + QStringLiteral(": ");
     std::fprintf(stderr, "qvctl: %s%s\n", qPrintable(prefix), qPrintable(message));
     std::fflush(stderr);
     if (m_json) {
-        QJsonObject object{{QStringLiteral("ok"), false},
-                           {QStringLiteral("exitCode"), exitCode},
-                           {QStringLiteral("message"), message}};
+        QJsonObject object = details;
+        object.insert(QStringLiteral("ok"), false);
+        object.insert(QStringLiteral("exitCode"), exitCode);
+        object.insert(QStringLiteral("message"), message);
         if (!identifier.isEmpty())
             object.insert(QStringLiteral("error"), identifier);
         json(object);

@@ -23,7 +23,9 @@ public:
     void message(const QString &text) const;
     void json(const QJsonObject &object) const;
     // Writes the error and returns exitCode so that commands can `return out.fail(...)`.
-    int fail(int exitCode, const QString &message, const QString &identifier = QString()) const;
+    // With --json, details join the one failure object.
+    int fail(int exitCode, const QString &message, const QString &identifier = QString(),
+             const QJsonObject &details = QJsonObject()) const;
 
     static bool stderrIsTerminal();
 
