@@ -21,11 +21,6 @@ public:
 
         static Value fromText(const QString &text) { return {text, false, false}; }
         static Value fromFlag(bool on) { return {QString(), true, on}; }
-        bool operator==(const Value &other) const
-        {
-            return isFlag == other.isFlag && flag == other.flag && text == other.text;
-        }
-        bool operator!=(const Value &other) const { return !(*this == other); }
     };
 
     void addText(const QString &name, const QString &text);
