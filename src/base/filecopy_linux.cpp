@@ -10,6 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <vector>
+
 namespace {
 
 struct Fd
@@ -51,7 +53,7 @@ bool copyContents(int in, int out, qint64 size)
     if (::lseek(in, size - left, SEEK_SET) < 0 || ::lseek(out, size - left, SEEK_SET) < 0)
         return false;
     static constexpr size_t BufferSize = 1 << 20;
-    QByteArray buffer(int(BufferSize), Qt::Uninitialized);
+    std::vector<char> buffer(BufferSize);
     for (;;) {
         const ssize_t r = ::read(in, buffer.data(), BufferSize);
         if (r == 0)
@@ -62,7 +64,7 @@ bool copyContents(int in, int out, qint64 size)
             return false;
         }
         for (ssize_t done = 0; done < r;) {
-            const ssize_t w = ::write(out, buffer.constData() + done, size_t(r - done));
+            const ssize_t w = ::write(out, buffer.data() + done, size_t(r - done));
             if (w < 0) {
                 if (errno == EINTR)
                     continue;
