@@ -116,6 +116,8 @@ private slots:
         for (auto it = changes.begin(); it != changes.end(); ++it)
             expected = withChange(expected, it.key().split('/'), it.value());
 
+        // Blanked first, so that only a real rewrite brings the whole file back.
+        QVERIFY(writeFile(machine->deviceJsonPath(), "{}"));
         QVERIFY(operations[operation].first(*machine, value));
         QCOMPARE(QJsonValue(jsonFileObject(machine->deviceJsonPath())), expected);
         QEMUMachine reloaded(m_engine.get(), machine->path());
