@@ -12,7 +12,7 @@
 // qvctl run as a user runs it, against a temporary home and the real QEMU. Each step of
 // tests/data/tools/*.txt is "$ [NAME=value ...] arguments", the whole expected output (both
 // streams; "..." ends a comparison early) and "? exit code". $DIR is the test's folder; uuids
-// and disk usage are masked. QV_REGENERATE_GOLDEN=1 writes the actual steps to <file>.new.
+// disk usage and the host's QEMU version are masked. QV_REGENERATE_GOLDEN=1 writes the actual steps to <file>.new.
 class tst_Qvctl : public QObject
 {
     Q_OBJECT
@@ -65,6 +65,7 @@ class tst_Qvctl : public QObject
         QString output = QString::fromUtf8(process.readAll()).replace(m_dir.path(), "$DIR");
         output.replace(QRegularExpression("[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}"), "<uuid>");
         output.replace(QRegularExpression("(sizeOnDiskBytes\"?:\\s*)\\d+"), "\\1<n>");
+        output.replace(QRegularExpression("(QEMU version: +)\\S+"), "\\1<version>");
         // First-run settings lines vary with the build; QEMU may close its monitor before quit is answered.
         output.remove(QRegularExpression("^(Failed to open .*settings.json|Migrating settings|\\[VMTools\\] QEMUClient: unexpected error The remote host closed).*\n", QRegularExpression::MultilineOption));
         const int code = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
