@@ -125,6 +125,15 @@ private slots:
         QCOMPARE(operations[operation].second(reloaded), reloadedValue);
     }
 
+    // Hosts that talk to the base machine get the guest's own ADB port.
+    void guestAdbPort()
+    {
+        QTemporaryDir dir;
+        auto machine = newMachine(dir);
+        QVERIFY(machine);
+        QCOMPARE(machine->VMToolsMachine::adbPort(), quint16(5555));
+    }
+
 };
 
 QTEST_GUILESS_MAIN(tst_VMToolsMachine)

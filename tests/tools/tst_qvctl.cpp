@@ -11,7 +11,7 @@
 
 // qvctl run as a user runs it, against a temporary home and the real QEMU. Each step of
 // tests/data/tools/*.txt is "$ [NAME=value ...] arguments", the whole expected output (both
-// streams; "..." ends a comparison early) and "? exit code". $DIR is the test's folder; uuids
+// streams; "..." ends a comparison early) and "? exit code". $DIR is the test's folder; uuids,
 // disk usage and the host's QEMU version are masked. QV_REGENERATE_GOLDEN=1 writes the actual steps to <file>.new.
 class tst_Qvctl : public QObject
 {
