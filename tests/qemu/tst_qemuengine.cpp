@@ -42,6 +42,18 @@ private slots:
         QDir(QEMUEngine().devicesDirectory()).removeRecursively();
     }
 
+    // A host may hand over no machine at all: each operation refuses it with its failure result.
+    void noMachine()
+    {
+        QEMUEngine engine;
+        LogCapture log;
+        QCOMPARE(engine.startMachine(nullptr, QString()), int(QEMUMachine::StartFailed));
+        QVERIFY(!engine.stopMachine(nullptr) && !engine.deleteMachine(nullptr) && !engine.saveSnapshot(nullptr, "s"));
+        QCOMPARE(engine.factoryReset(nullptr), 2);
+        QCOMPARE(log.lines(QtCriticalMsg), (QStringList{"[VMTools] Cannot start a machine that QEMU does not run",
+                                                        "[VMTools] Failed to save snapshot s", "[VMTools] Cannot factory reset null machine"}));
+    }
+
     // Offsets go 0, 7, ... 693; a device already running keeps its offset.
     void portOffsetSearch()
     {
