@@ -54,6 +54,32 @@ private slots:
                                                         "[VMTools] Failed to save snapshot s", "[VMTools] Cannot factory reset null machine"}));
     }
 
+    // Renaming moves the folder and gives the device its new uuid; a taken name changes nothing.
+    void applyMachineChange_data()
+    {
+        QTest::addColumn<QString>("newName");
+        QTest::addColumn<bool>("ok");
+        QTest::newRow("new name") << "renamed" << true;
+        QTest::newRow("same name") << "device" << true;
+        QTest::newRow("name taken") << "other" << false;
+    }
+    void applyMachineChange()
+    {
+        QFETCH(QString, newName);
+        QFETCH(bool, ok);
+        QEMUEngine engine;
+        auto machine = newDevice(engine, "device");
+        QVERIFY(machine && newDevice(engine, "other"));
+        const QString oldUuid = machine->uuid();
+        QCOMPARE(engine.applyMachineChange(machine.get(), newName, "uuid-2"), ok);
+        const QString name = ok ? newName : QStringLiteral("device");
+        QCOMPARE(machine->path(), engine.devicePath(name));
+        QCOMPARE(QFileInfo::exists(engine.devicePath("device")), name == "device");
+        const std::unique_ptr<VMToolsMachine> reloaded(engine.loadMachine(name));
+        QVERIFY(reloaded);
+        QCOMPARE(reloaded->uuid(), ok ? QStringLiteral("uuid-2") : oldUuid);
+    }
+
     // Offsets go 0, 7, ... 693; a device already running keeps its offset.
     void portOffsetSearch()
     {
