@@ -121,10 +121,7 @@ void tst_Disk::extract()
 
     LogCapture log;
     QCOMPARE(extractOva(archive, dest), row["result"].toInt());
-    QStringList logged;
-    for (const LogCapture::Entry &entry : log.entries())
-        logged << LogCapture::levelName(entry.type) + ": " + entry.text;
-    QCOMPARE(logged, lines);
+    QCOMPARE(log.all(), lines);
     QCOMPARE(treeOf(parent.path()), tree);
 }
 

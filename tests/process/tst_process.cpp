@@ -16,14 +16,6 @@
 
 namespace {
 
-QStringList logged(const LogCapture &log)
-{
-    QStringList lines;
-    for (const LogCapture::Entry &entry : log.entries())
-        lines << LogCapture::levelName(entry.type) + ": " + entry.text;
-    return lines;
-}
-
 void addRows(const char *file)
 {
     QTest::addColumn<QJsonObject>("row");
@@ -71,7 +63,7 @@ void tst_Process::run()
     const CommandResult result = runCommand(program, {"convert", "a b.vmdk"}, RunFlags(row["flags"].toInt()), cancel);
     const qint64 elapsed = timer.elapsed();
     QCOMPARE((QJsonArray{result.exitCode, result.output, result.error}), row["result"].toArray());
-    QCOMPARE(logged(log).join('\n'), row["log"].toVariant().toStringList().join('\n').replace("{program}", program));
+    QCOMPARE(log.all().join('\n'), row["log"].toVariant().toStringList().join('\n').replace("{program}", program));
     QVERIFY2(elapsed >= row["minMs"].toInt() && elapsed < row["maxMs"].toInt(60000), qPrintable(QString::number(elapsed)));
     QCOMPARE(polls, row["polls"].toInt());
     QVERIFY(ticked);
@@ -97,7 +89,7 @@ void tst_Process::serialised()
     for (const auto &thread : threads)
         QVERIFY(thread->wait(20000));
     QVERIFY2(timer.elapsed() >= 1200, qPrintable(QString::number(timer.elapsed())));
-    const QStringList lines = logged(log);
+    const QStringList lines = log.all();
     QCOMPARE(lines.size(), 8);
     for (int i = 0; i < 4; ++i) {
         const QString id = lines[2 * i].mid(lines[2 * i].size() - 3, 1);
@@ -139,7 +131,7 @@ void tst_Process::processTable()
     report << QString("ended %1").arg(waitForProcessEnd(pid, 500) ? "true" : "false");
     report << QString("destroyed %1").arg(destroyProcess(pid) ? "true" : "false");
     QCOMPARE(report, row["report"].toVariant().toStringList());
-    QCOMPARE(logged(log), row["log"].toVariant().toStringList().replaceInStrings("{pid}", QString::number(pid)));
+    QCOMPARE(log.all(), row["log"].toVariant().toStringList().replaceInStrings("{pid}", QString::number(pid)));
     QVERIFY(!isRunning(pid));
     process.waitForFinished(5000);
 }

@@ -37,10 +37,7 @@ inline QJsonObject caseInput(const QJsonObject &c, const QString &folder)
 // Captured lines as "level: text", the form the case files list them in.
 inline QJsonArray logLines(const LogCapture &log)
 {
-    QJsonArray lines;
-    for (const LogCapture::Entry &e : log.entries())
-        lines.append(LogCapture::levelName(e.type) + QStringLiteral(": ") + e.text);
-    return lines;
+    return QJsonArray::fromStringList(log.all());
 }
 
 // The value with each placeholder (such as "%1") replaced in its text.

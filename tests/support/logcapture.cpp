@@ -35,18 +35,23 @@ void LogCapture::handler(QtMsgType type, const QMessageLogContext &context, cons
         self->m_previous(type, context, message);
 }
 
-QList<LogCapture::Entry> LogCapture::entries() const
-{
-    QMutexLocker lock(&m_mutex);
-    return m_entries;
-}
-
 QStringList LogCapture::lines(QtMsgType type) const
 {
+    QMutexLocker lock(&m_mutex);
     QStringList result;
-    for (const Entry &e : entries())
+    for (const Entry &e : m_entries)
         if (e.type == type)
             result << e.text;
+    return result;
+}
+
+QStringList LogCapture::all() const
+{
+    static const char *const levels[] = {"debug", "warning", "critical", "fatal", "info"};
+    QMutexLocker lock(&m_mutex);
+    QStringList result;
+    for (const Entry &e : m_entries)
+        result << QString::fromLatin1(levels[e.type]) + QStringLiteral(": ") + e.text;
     return result;
 }
 
@@ -59,24 +64,4 @@ void LogCapture::clear()
 {
     QMutexLocker lock(&m_mutex);
     m_entries.clear();
-}
-
-QString LogCapture::levelName(QtMsgType type)
-{
-    switch (type) {
-    case QtDebugMsg: return QStringLiteral("debug");
-    case QtInfoMsg: return QStringLiteral("info");
-    case QtWarningMsg: return QStringLiteral("warning");
-    case QtCriticalMsg: return QStringLiteral("critical");
-    case QtFatalMsg: return QStringLiteral("fatal");
-    }
-    return QString();
-}
-
-QString LogCapture::dump() const
-{
-    QStringList out;
-    for (const Entry &e : entries())
-        out << levelName(e.type) + QStringLiteral(": ") + e.text;
-    return out.join(QLatin1Char('\n'));
 }

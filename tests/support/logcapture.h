@@ -21,13 +21,11 @@ public:
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
 
-    QList<Entry> entries() const;
     QStringList lines(QtMsgType type) const;
+    QStringList all() const;  // every line as "level: text"
     bool contains(QtMsgType type, const QString &text) const;          // exact line
     void clear();
-
-    static QString levelName(QtMsgType type);
-    QString dump() const;  // for failure messages
+    QString dump() const { return all().join(QLatin1Char('\n')); }
 
 private:
     static void handler(QtMsgType type, const QMessageLogContext &context, const QString &message);
