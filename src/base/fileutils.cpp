@@ -6,6 +6,8 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QJsonParseError>
+#include <QRegularExpression>
+#include <QSaveFile>
 
 ReadResult readFile(const QString &path)
 {
@@ -22,6 +24,15 @@ ReadResult readFile(const QString &path)
     }
     result.ok = true;
     return result;
+}
+
+bool writeFileAtomically(const QString &path, const QByteArray &data)
+{
+    QSaveFile file(path);
+    if (file.open(QIODevice::WriteOnly) && file.write(data) == data.size() && file.commit())
+        return true;
+    Log::critical("Failed to write", path, file.errorString());
+    return false;
 }
 
 JsonReadResult readJsonFile(const QString &path)
@@ -44,6 +55,13 @@ void walkFiles(const QString &root, const QStringList &nameFilters,
     QDirIterator it(root, nameFilters, QDir::Files, QDirIterator::Subdirectories);
     while (it.hasNext())
         callback(QFileInfo(it.next()));
+}
+
+bool isPlainEntryName(const QString &name)
+{
+    static const QRegularExpression outside(QStringLiteral("[/\\\\:]"));
+    return !name.isEmpty() && !name.startsWith(QLatin1Char('.')) && !name.contains(outside)
+           && !QDir::isAbsolutePath(name);
 }
 
 bool copyRecursively(const QString &source, const QString &destination)

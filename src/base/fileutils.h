@@ -23,12 +23,18 @@ struct JsonReadResult
 };
 
 ReadResult readFile(const QString &path);
+// Writes under a temporary name and renames, so the file is the old one or the new one.
+bool writeFileAtomically(const QString &path, const QByteArray &data);
 JsonReadResult readJsonFile(const QString &path);
 
 // Calls callback for every non-hidden file below root, at any depth; an empty filter
 // list takes every name.
 void walkFiles(const QString &root, const QStringList &nameFilters,
                const std::function<void(const QFileInfo &)> &callback);
+
+// True when name, joined to a folder, names an entry directly inside it: not empty, no
+// separator or drive, not absolute, and not "." or ".." or any other hidden name.
+bool isPlainEntryName(const QString &name);
 
 // Copies a file or a directory tree. Hidden entries and symbolic links inside a
 // directory are skipped, an existing destination file fails the copy, and the first

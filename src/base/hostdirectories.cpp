@@ -1,7 +1,6 @@
 #include "hostdirectories.h"
 
 #include "logging.h"
-#include "version.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -81,9 +80,4 @@ QString applicationDirectory()
 QString defaultQemuDirectory()
 {
     return applicationDirectory() + QStringLiteral("/qemu/x86_64");
-}
-
-QString systemImageDirectory(const Version &first, const Version &second)
-{
-    return systemImagesDirectory() + QLatin1Char('/') + first.toString() + QLatin1Char('/') + second.toString();
 }

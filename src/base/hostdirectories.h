@@ -41,6 +41,3 @@ QString mediaDirectory();
 QString applicationDirectory();
 QString defaultQemuDirectory();
 
-// systemImagesDirectory() + "/" + first + "/" + second. The entry already ends with "/",
-// so the result holds "//"; every user goes through QDir/QFileInfo, which tolerate it.
-QString systemImageDirectory(const Version &first, const Version &second);

@@ -21,7 +21,15 @@ QStringList createDisk(const QString &path, qint64 sizeMegabytes)
 
 QStringList convertToQcow2(const QString &sourceFile, const QString &targetFile)
 {
-    return {QStringLiteral("convert"), QStringLiteral("-O"), QStringLiteral("qcow2"), sourceFile, targetFile};
+    // The input format is pinned: probing would let a file name its own format.
+    return {QStringLiteral("convert"), QStringLiteral("-f"), QStringLiteral("vmdk"), QStringLiteral("-O"),
+            QStringLiteral("qcow2"), sourceFile, targetFile};
+}
+
+QStringList vmdkInfo(const QString &diskFile)
+{
+    return {QStringLiteral("info"), QStringLiteral("--output=json"), QStringLiteral("-f"), QStringLiteral("vmdk"),
+            diskFile};
 }
 
 QStringList listSnapshots(const QString &diskFile)

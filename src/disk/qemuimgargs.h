@@ -10,6 +10,8 @@ namespace QemuImgArgs {
 QStringList createOverlay(const QString &backingFile, const QString &targetFile);
 QStringList createDisk(const QString &path, qint64 sizeMegabytes);
 QStringList convertToQcow2(const QString &sourceFile, const QString &targetFile);
+// qemu-img info as JSON, the input read as a VMDK whatever the file claims.
+QStringList vmdkInfo(const QString &diskFile);
 QStringList listSnapshots(const QString &diskFile);
 QStringList deleteSnapshot(const QString &name, const QString &diskFile);
 QStringList resize(const QString &path, qint64 sizeMegabytes);

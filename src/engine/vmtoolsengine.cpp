@@ -1,11 +1,14 @@
 #include "vmtoolsengine.h"
 
+#include "fileutils.h"
 #include "hostdirectories.h"
 #include "logging.h"
 #include "multisettings.h"
 #include "ovaextractor.h"
 #include "vmtoolsmachine.h"
 
+#include <QCryptographicHash>
+#include <QFile>
 #include <QFileInfo>
 #include <QSet>
 
@@ -53,6 +56,34 @@ bool testVirtualization(CpuidFunction cpuid, const QString &vendor)
     return ecx & SvmTestBit;
 }
 
+// Names the archive a reference folder was made from, so that another archive that claims
+// the same versions is noticed. The head holds the descriptor and the first disk's header;
+// the path is left out, since archives get moved.
+const QString OriginFile = QStringLiteral("origin.txt");
+constexpr qint64 FingerprintHeadBytes = 1 << 20;
+
+QByteArray archiveFingerprint(const QString &archivePath)
+{
+    QFile archive(archivePath);
+    if (!archive.open(QIODevice::ReadOnly))
+        return {};
+    return "size " + QByteArray::number(archive.size()) + "\nhead-sha1 "
+           + QCryptographicHash::hash(archive.read(FingerprintHeadBytes), QCryptographicHash::Sha1).toHex() + '\n';
+}
+
+// A folder made before origins were recorded, or whose archive is gone, has nothing to
+// compare with and is taken as it is.
+bool isExtractedFrom(const QDir &target, const QString &archivePath)
+{
+    const ReadResult origin = QFile::exists(target.absoluteFilePath(OriginFile))
+                                      ? readFile(target.absoluteFilePath(OriginFile)) : ReadResult{};
+    const QByteArray fingerprint = archiveFingerprint(archivePath);
+    if (!origin.ok || fingerprint.isEmpty() || origin.data == fingerprint)
+        return true;
+    vmCritical("The disks in", target.absolutePath(), "were made from another archive than", archivePath);
+    return false;
+}
+
 } // namespace
 
 VMToolsEngine::VMToolsEngine(CpuidFunction cpuid)
@@ -76,7 +107,7 @@ bool VMToolsEngine::machineExists(const QString &name)
 bool VMToolsEngine::isMachineDirectoryPresent(const QString &name) const
 {
     const QStringList entries = QDir(deployedDirectory())
-                                    .entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Unsorted);
+                                    .entryList(QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Unsorted);
     const QSet<QString> names(entries.cbegin(), entries.cend());
     return names.contains(name);
 }
@@ -122,21 +153,41 @@ bool VMToolsEngine::deleteSnapshot(VMToolsMachine *machine, const QString &name)
 bool VMToolsEngine::extractSystemImage(const QString &archivePath, const Version &first,
                                        const Version &second)
 {
-    const QDir target(systemImageDirectory(first, second));
+    const QDir target(QDir::cleanPath(systemImageDirectory(first, second)));
+    if (!isExtractedFrom(target, archivePath))
+        return false;
     if (target.exists(QStringLiteral("system.vmdk")) && target.exists(QStringLiteral("data.vmdk")))
         return true;
 
-    if (!target.mkpath(QStringLiteral("."))) {
+    // Unpacked aside, so that a cut-short extraction never stands in for a whole one; what an
+    // interrupted run left there is thrown away.
+    const QDir scratch(target.absolutePath() + QStringLiteral(".partial"));
+    QDir(scratch).removeRecursively();
+    if (!scratch.mkpath(QStringLiteral(".")) || !target.mkpath(QStringLiteral("."))) {
         vmCritical("Failed to create directory", target.absolutePath());
         return false;
     }
-    if (extractOva(archivePath, target.absolutePath()) != OvaSuccess) {
+    if (extractOva(archivePath, scratch.absolutePath()) != OvaSuccess) {
+        QDir(scratch).removeRecursively();
         vmCritical("Failed to extract OVA");
         return false;
     }
     // The archive's own SD card disk is never used; devices get a fresh one.
-    removeFile(target.absoluteFilePath(QStringLiteral("sdcard.vmdk")));
-    return true;
+    removeFile(scratch.absoluteFilePath(QStringLiteral("sdcard.vmdk")));
+    const bool recorded = writeFileAtomically(scratch.absoluteFilePath(OriginFile), archiveFingerprint(archivePath));
+    // Each file moves whole; system.vmdk goes last, since both disks mark the folder complete.
+    QStringList files = QDir(scratch).entryList(QDir::Files | QDir::Hidden, QDir::Name);
+    files.removeOne(QStringLiteral("system.vmdk"));
+    files.append(QStringLiteral("system.vmdk"));
+    bool moved = recorded;
+    for (const QString &file : qAsConst(files)) {
+        QFile::remove(target.absoluteFilePath(file));
+        moved = moved && QFile::rename(scratch.absoluteFilePath(file), target.absoluteFilePath(file));
+    }
+    QDir(scratch).removeRecursively();
+    if (!moved)
+        vmCritical("Failed to move the extracted disks into", target.absolutePath());
+    return moved;
 }
 
 QString VMToolsEngine::archivePath(const OsImage &image)
@@ -148,9 +199,4 @@ QString VMToolsEngine::archivePath(const OsImage &image)
     if (url.isLocalFile())
         return url.toLocalFile();
     return ovaDirectory() + url.fileName();
-}
-
-bool VMToolsEngine::ensureSystemImageExtracted(const OsImage &image)
-{
-    return extractSystemImage(archivePath(image), image.osVersion, image.imageVersion);
 }

@@ -85,8 +85,6 @@ public:
     // Where the archive of an image is: a local path or file: URL in image_uri as it is,
     // otherwise the URL's file name in the ova directory.
     static QString archivePath(const OsImage &image);
-    // Extracts the image's archive into its system-images directory unless already there.
-    bool ensureSystemImageExtracted(const OsImage &image);
 
     QDir devicesDirectory() const { return m_devicesDirectory; }
     QString cpuVendor() const { return m_cpuVendor; }

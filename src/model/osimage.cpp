@@ -1,5 +1,6 @@
 #include "osimage.h"
 
+#include "hostdirectories.h"
 #include "jsonfieldreader.h"
 #include "logging.h"
 
@@ -159,4 +160,9 @@ bool migrateOsImage(const QString &deviceName, OsImage &image)
     }
     image.version = FirstVersionWithArch;
     return true;
+}
+
+QString systemImageDirectory(const Version &first, const Version &second)
+{
+    return systemImagesDirectory() + QLatin1Char('/') + first.toString() + QLatin1Char('/') + second.toString();
 }

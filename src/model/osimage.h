@@ -34,6 +34,11 @@ struct OsImage
 
 Q_DECLARE_METATYPE(OsImage)
 
+// Where an image's reference disks live: systemImagesDirectory() + "/" + first + "/" +
+// second. The entry already ends with "/", so the result holds "//"; every user goes
+// through QDir/QFileInfo, which tolerate it.
+QString systemImageDirectory(const Version &first, const Version &second);
+
 // A default record stands for "unsupported or faulty"; the reasons are logged.
 OsImage parseOsImage(const QJsonObject &object);
 QJsonObject serializeOsImage(const OsImage &image);

@@ -23,10 +23,10 @@ constexpr int ProcessEndPollMs = 100;
 std::atomic<int> defaultTimeoutMs{DefaultTimeoutMs};
 
 // Every failed run is reported through here, even when the caller asked for quiet.
-CommandResult failure(qint32 exitCode, const QString &output, const QString &error)
+CommandResult failure(qint32 exitCode, const QString &output, const QString &error, bool completed)
 {
     vmWarning(exitCode, error, output);
-    return CommandResult{exitCode, output, error};
+    return CommandResult{exitCode, output, error, completed};
 }
 
 } // namespace
@@ -96,7 +96,7 @@ CommandResult runCommand(const QString &program, const QStringList &arguments, R
                 cancel = nullptr;
                 process.kill();
                 process.waitForFinished(CancelPollMs);
-                return failure(-1, QString(), QStringLiteral("canceled"));
+                return failure(-1, QString(), QStringLiteral("canceled"), false);
             }
             finished = waitForProcessFinished(process, int(qMin<qint64>(CancelPollMs, left)))
                     || finished;
@@ -115,7 +115,7 @@ CommandResult runCommand(const QString &program, const QStringList &arguments, R
         // destruction.
         if (!quiet)
             vmCritical("Can't run", program);
-        return failure(exitCode, output, error);
+        return failure(exitCode, output, error, false);
     }
     if (exitCode != 0) {
         if (!quiet) {
@@ -124,11 +124,11 @@ CommandResult runCommand(const QString &program, const QStringList &arguments, R
             if (!trimmedError.isEmpty())
                 vmCritical("Output command:", trimmedError);
         }
-        return failure(exitCode, output, error);
+        return failure(exitCode, output, error, true);
     }
     if (!quiet)
         vmDebug("Return code:", 0);
-    return CommandResult{0, output, error};
+    return CommandResult{0, output, error, true};
 }
 
 bool waitForProcessEnd(quint32 pid, int timeoutMs)

@@ -10,12 +10,17 @@ QT_BEGIN_NAMESPACE
 class QProcess;
 QT_END_NAMESPACE
 
-// What a run of an external tool gives back. Callers judge success by exitCode == 0.
+// What a run of an external tool gives back. A run that did not get to its end (it never
+// started, ran past its limit or was cancelled) keeps exit code 0 for the callers that read
+// only the code, so work that leaves files behind asks succeeded() instead.
 struct CommandResult
 {
-    qint32 exitCode = 0;  // -1 when cancelled
-    QString output;       // standard output, UTF-8
-    QString error;        // standard error, UTF-8; "canceled" when cancelled
+    qint32 exitCode = 0;     // -1 when cancelled
+    QString output;          // standard output, UTF-8
+    QString error;           // standard error, UTF-8; "canceled" when cancelled
+    bool completed = false;  // the tool ran to its own end
+
+    bool succeeded() const { return completed && exitCode == 0; }
 };
 
 enum RunFlag {

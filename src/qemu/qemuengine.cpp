@@ -2,6 +2,7 @@
 
 #include "commandrunner.h"
 #include "errortriggers.h"
+#include "fileutils.h"
 #include "hostdirectories.h"
 #include "logging.h"
 #include "processutils.h"
@@ -165,6 +166,8 @@ QList<VMToolsMachine *> QEMUEngine::listMachines(const ProgressCallback &progres
 
 VMToolsMachine *QEMUEngine::loadMachine(const QString &name)
 {
+    if (!isDeviceNameAllowed(name))
+        return nullptr;
     auto machine = std::make_unique<QEMUMachine>(this, devicePath(name));
     if (!machine->load())
         return nullptr;
@@ -245,6 +248,12 @@ bool QEMUEngine::deleteMachine(VMToolsMachine *machine)
 {
     if (!machine)
         return false;
+    // Only ever a folder of ours: a machine whose path was changed under it is not removed.
+    const QFileInfo folder(machine->path());
+    if (!isDeviceNameAllowed(folder.fileName()) || folder.absoluteDir() != m_devicesDirectory) {
+        vmCritical("Refusing to delete", folder.absoluteFilePath(), "outside", m_devicesDirectory.absolutePath());
+        return false;
+    }
     vmDebug("deleteMachine() with path", machine->path());
     return QDir(machine->path()).removeRecursively();
 }
@@ -334,6 +343,14 @@ int QEMUEngine::findPortOffset()
 QString QEMUEngine::devicePath(const QString &name) const
 {
     return m_devicesDirectory.absoluteFilePath(name);
+}
+
+bool QEMUEngine::isDeviceNameAllowed(const QString &name)
+{
+    if (isPlainEntryName(name))
+        return true;
+    vmCritical("Invalid device name:", name);
+    return false;
 }
 
 void QEMUEngine::probeAcceleration()

@@ -65,6 +65,13 @@ public:
     bool createOverlayDisk(const QString &backingFile, const QString &targetFile);
     int createSdCardDisk(const QString &deviceDirectory, qint64 sizeMegabytes);
     bool convertToQcow2(const QString &sourceFile, const QString &targetFile);
+    // First-time preparation of an image's reference folder (qemuengine_reference.cpp):
+    // extraction, checks and conversion of the system disk, and of the data disk as well
+    // when withData is set, under a lock shared by every process.
+    bool prepareReferenceDisks(const QString &archive, const Version &first, const Version &second,
+                               bool withData = true);
+    // True for a single-file sparse VMDK that refers to no other file.
+    bool isSafeVmdk(const QString &path);
     int deployDevice(const QString &name, const QString &ovaSource, qint64 sdCardSizeMegabytes,
                      const Version &first, const Version &second);
     int factoryReset(VMToolsMachine *machine);
@@ -75,6 +82,8 @@ public:
     QString shareDir() const { return m_shareDir; }
     // The device directory of a name under the devices directory.
     QString devicePath(const QString &name) const;
+    // False, with a critical line, for a name that would leave the devices directory.
+    static bool isDeviceNameAllowed(const QString &name);
 
 private:
     void probeAcceleration();

@@ -65,10 +65,12 @@ bool QEMUEngine::createOverlayDisk(const QString &backingFile, const QString &ta
     const QString target = QFileInfo(targetFile).absoluteFilePath();
     const CommandResult result =
         runCommand(m_qemuImgPath, QemuImgArgs::createOverlay(backing.absoluteFilePath(), target));
-    // qemu-img may complain and still make the disk: the file is what counts.
-    if (QFileInfo::exists(target))
+    // qemu-img may complain and still make the disk: the file is what counts, once the run
+    // got to its end.
+    if (result.completed && QFileInfo::exists(target))
         return true;
     vmCritical("Failed to create disk", target, ".", result.error);
+    QFile::remove(target);
     return false;
 }
 
@@ -76,32 +78,19 @@ int QEMUEngine::createSdCardDisk(const QString &deviceDirectory, qint64 sizeMega
 {
     const QString path = diskPath(deviceDirectory, SdCardDisk);
     const CommandResult result = runCommand(m_qemuImgPath, QemuImgArgs::createDisk(path, sizeMegabytes));
-    if (result.exitCode != 0 || !QFileInfo::exists(path)) {
+    if (!result.succeeded() || !QFileInfo::exists(path)) {
         vmCritical("Failed to create", path, result.output, result.error);
+        QFile::remove(path);
         return result.exitCode != 0 ? result.exitCode : 1;
     }
     return 0;
 }
 
-bool QEMUEngine::convertToQcow2(const QString &sourceFile, const QString &targetFile)
-{
-    if (!QFileInfo::exists(sourceFile)) {
-        vmCritical("Disk file not found:", sourceFile);
-        return false;
-    }
-    const CommandResult result = runCommand(m_qemuImgPath, QemuImgArgs::convertToQcow2(sourceFile, targetFile));
-    if (result.exitCode != 0 || !QFileInfo::exists(targetFile)) {
-        vmCritical("Failed to convert", sourceFile, "to", targetFile, result.error);
-        // A half-written reference disk would be taken for a good one next time.
-        QFile::remove(targetFile);
-        return false;
-    }
-    return true;
-}
-
 int QEMUEngine::deployDevice(const QString &name, const QString &ovaSource, qint64 sdCardSizeMegabytes,
                              const Version &first, const Version &second)
 {
+    if (!isDeviceNameAllowed(name))
+        return 1;
     if (machineExists(name)) {
         vmCritical("Can't create already existing device", name);
         return 1;
@@ -118,22 +107,10 @@ int QEMUEngine::deployDevice(const QString &name, const QString &ovaSource, qint
     }
 
     const QString reference = systemImageDirectory(first, second);
-    if (!extractSystemImage(ovaSource, first, second)) {
-        vmCritical("Failed to extract OVA");
+    if (!prepareReferenceDisks(ovaSource, first, second))
         return 1;
-    }
     const QString referenceSystem = diskPath(reference, SystemDisk);
     const QString referenceData = diskPath(reference, DataDisk);
-    if (!QFileInfo::exists(referenceSystem)
-        && !convertToQcow2(diskPath(reference, QStringLiteral("system.vmdk")), referenceSystem)) {
-        vmCritical("Failed to get system disk info");
-        return 1;
-    }
-    if (!QFileInfo::exists(referenceData)
-        && !convertToQcow2(diskPath(reference, QStringLiteral("data.vmdk")), referenceData)) {
-        vmCritical("Failed to get data disk info");
-        return 1;
-    }
     if (!createOverlayDisk(referenceSystem, diskPath(device, SystemDisk))) {
         vmCritical("Failed to create disks");
         return 1;
@@ -152,6 +129,8 @@ int QEMUEngine::deployDevice(const QString &name, const QString &ovaSource, qint
 
 int QEMUEngine::createDevice(const QString &name, const OsImage &image, const HwProfile &profile)
 {
+    if (!isDeviceNameAllowed(name))
+        return 1;
     if (machineExists(name)) {
         vmCritical("Can't create already existing device", name);
         return 1;
@@ -247,7 +226,7 @@ QStringList QEMUEngine::listSnapshots(VMToolsMachine *machine)
 {
     const QString system = diskPath(machine->path(), SystemDisk);
     const CommandResult result = runCommand(m_qemuImgPath, QemuImgArgs::listSnapshots(system));
-    if (result.exitCode != 0) {
+    if (!result.succeeded()) {
         vmCritical("Failed to list snapshots of", system);
         return {};
     }
@@ -283,7 +262,7 @@ bool QEMUEngine::deleteSnapshot(VMToolsMachine *machine, const QString &name)
     const QString directory = machine->path();
     const CommandResult result =
         runCommand(m_qemuImgPath, QemuImgArgs::deleteSnapshot(name, diskPath(directory, SystemDisk)));
-    if (result.exitCode != 0) {
+    if (!result.succeeded()) {
         vmCritical("Failed to delete snapshot:", result.error);
         return false;
     }
@@ -297,11 +276,13 @@ bool QEMUEngine::deleteSnapshot(VMToolsMachine *machine, const QString &name)
 
 bool QEMUEngine::applyMachineChange(VMToolsMachine *machine, const QString &newName, const QString &newUuid)
 {
-    return machine->rename(newName) && machine->setUuid(newUuid);
+    return isDeviceNameAllowed(newName) && machine->rename(newName) && machine->setUuid(newUuid);
 }
 
 VMToolsMachine *QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName)
 {
+    if (!isDeviceNameAllowed(newName))
+        return nullptr;
     if (machineExists(newName)) {
         vmCritical("Can't clone to already existing device", newName);
         return nullptr;
@@ -359,7 +340,7 @@ bool QEMUEngine::resizeDisk(VMToolsMachine *, const QString &diskPath, qint64 si
     if (!QFileInfo::exists(diskPath))
         return false;
     const CommandResult result = runCommand(m_qemuImgPath, QemuImgArgs::resize(diskPath, sizeMegabytes));
-    if (result.exitCode != 0) {
+    if (!result.succeeded()) {
         vmCritical("Failed to resize", diskPath, ".", result.error);
         return false;
     }

@@ -210,14 +210,9 @@ bool QEMUMachine::createSystemDisk(const OsImage &image)
 {
     const QDir imageDir(QDir::cleanPath(systemImageDirectory(image.osVersion, image.imageVersion)));
     const QString reference = imageDir.absoluteFilePath(SystemDiskName);
-    // The reference disk is shared by every device of the image: convert it only once.
-    if (!QFileInfo::exists(reference)) {
-        if (!m_engine->ensureSystemImageExtracted(image))
-            return false;
-        if (!m_engine->convertToQcow2(imageDir.absoluteFilePath(QStringLiteral("system.vmdk")),
-                                      reference))
-            return false;
-    }
+    if (!m_engine->prepareReferenceDisks(VMToolsEngine::archivePath(image), image.osVersion, image.imageVersion,
+                                         false))
+        return false;
     return m_engine->createOverlayDisk(reference, QDir(m_path).absoluteFilePath(SystemDiskName));
 }
 

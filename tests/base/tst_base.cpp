@@ -2,6 +2,7 @@
 #include "filecopy.h"
 #include "fileutils.h"
 #include "hostdirectories.h"
+#include "osimage.h"
 #include "version.h"
 
 namespace {

@@ -152,7 +152,8 @@ void tst_Disk::qemuImgArguments_data()
     QTest::addColumn<QStringList>("expected");
     QTest::newRow("overlay") << createOverlay("/i/s.qcow2", "/d/s.qcow2") << QStringList{"create", "-f", "qcow2", "-b", "/i/s.qcow2", "-F", "qcow2", "/d/s.qcow2"};
     QTest::newRow("disk") << createDisk("/d/sd.qcow2", 512) << QStringList{"create", "-f", "qcow2", "/d/sd.qcow2", "512M"};
-    QTest::newRow("convert") << convertToQcow2("/i/a b.vmdk", "/i/a.qcow2") << QStringList{"convert", "-O", "qcow2", "/i/a b.vmdk", "/i/a.qcow2"};
+    QTest::newRow("convert") << convertToQcow2("/i/a b.vmdk", "/i/a.qcow2") << QStringList{"convert", "-f", "vmdk", "-O", "qcow2", "/i/a b.vmdk", "/i/a.qcow2"};
+    QTest::newRow("vmdk info") << vmdkInfo("/i/a b.vmdk") << QStringList{"info", "--output=json", "-f", "vmdk", "/i/a b.vmdk"};
     QTest::newRow("list snapshots") << listSnapshots("/d/s.qcow2") << QStringList{"snapshot", "-l", "/d/s.qcow2"};
     QTest::newRow("delete snapshot") << deleteSnapshot("snap 1", "/d/s.qcow2") << QStringList{"snapshot", "-d", "snap 1", "/d/s.qcow2"};
     QTest::newRow("resize") << resize("/d/sd.qcow2", 8192) << QStringList{"resize", "/d/sd.qcow2", "8192M"};

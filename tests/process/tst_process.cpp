@@ -62,7 +62,7 @@ void tst_Process::run()
     timer.start();
     const CommandResult result = runCommand(program, {"convert", "a b.vmdk"}, RunFlags(row["flags"].toInt()), cancel);
     const qint64 elapsed = timer.elapsed();
-    QCOMPARE((QJsonArray{result.exitCode, result.output, result.error}), row["result"].toArray());
+    QCOMPARE((QJsonArray{result.exitCode, result.output, result.error, result.completed}), row["result"].toArray());
     QCOMPARE(log.all().join('\n'), row["log"].toVariant().toStringList().join('\n').replace("{program}", program));
     QVERIFY2(elapsed >= row["minMs"].toInt() && elapsed < row["maxMs"].toInt(60000), qPrintable(QString::number(elapsed)));
     QCOMPARE(polls, row["polls"].toInt());
