@@ -1,6 +1,7 @@
 #include "qemuengine.h"
 
 #include "commandrunner.h"
+#include "devicelock.h"
 #include "errortriggers.h"
 #include "fileutils.h"
 #include "hostdirectories.h"
@@ -200,6 +201,9 @@ int QEMUEngine::startMachine(VMToolsMachine *vmMachine, const QString &snapshotN
         return QEMUMachine::StartArchUnsupported;
     }
 
+    DeviceLock lock(machine->path());
+    if (!lock.acquire())
+        return QEMUMachine::StartDeviceBusy;
     if (machine->status() == VMToolsMachine::StateRunning) {
         vmDebug("Virtual Machine status: on. Nothing to do.");
         return QEMUMachine::StartRunning;
@@ -233,6 +237,9 @@ bool QEMUEngine::stopMachine(VMToolsMachine *vmMachine)
     auto *machine = dynamic_cast<QEMUMachine *>(vmMachine);
     if (!machine)
         return false;
+    DeviceLock lock(machine->path());
+    if (!lock.acquire())
+        return false;
 
     QEMUClient client(quint16(machine->qmpPort()));
     if (client.quit()) {
@@ -254,6 +261,9 @@ bool QEMUEngine::deleteMachine(VMToolsMachine *machine)
         vmCritical("Refusing to delete", folder.absoluteFilePath(), "outside", m_devicesDirectory.absolutePath());
         return false;
     }
+    DeviceLock lock(machine->path());
+    if (!lock.acquire())
+        return false;
     vmDebug("deleteMachine() with path", machine->path());
     return QDir(machine->path()).removeRecursively();
 }

@@ -75,6 +75,9 @@ public:
     int deployDevice(const QString &name, const QString &ovaSource, qint64 sdCardSizeMegabytes,
                      const Version &first, const Version &second);
     int factoryReset(VMToolsMachine *machine);
+    // Ends a reset that was cut short: kept when both new disks are in place, otherwise
+    // rolled back to the disks it moved aside.
+    static void finishInterruptedReset(const QString &device);
 
     const HostPlatform &platform() const { return m_platform; }
     QString qemuPath() const { return m_qemuPath; }

@@ -4,6 +4,7 @@
 #include "qemuengine.h"
 
 #include "commandrunner.h"
+#include "devicelock.h"
 #include "filecopy.h"
 #include "fileutils.h"
 #include "hostdirectories.h"
@@ -16,7 +17,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
-#include <QTemporaryDir>
 
 #include <memory>
 
@@ -25,6 +25,8 @@ namespace {
 const QString SystemDisk = QStringLiteral("system.qcow2");
 const QString DataDisk = QStringLiteral("data.qcow2");
 const QString SdCardDisk = QStringLiteral("sdcard.qcow2");
+const QString ResetBackupSuffix = QStringLiteral(".before-reset");
+const QString PartialSuffix = QStringLiteral(".partial");
 
 // Removes a directory that an operation started to make, unless the operation got to its end.
 class DirectoryGuard
@@ -131,6 +133,9 @@ int QEMUEngine::createDevice(const QString &name, const OsImage &image, const Hw
 {
     if (!isDeviceNameAllowed(name))
         return 1;
+    DeviceLock lock(devicePath(name));
+    if (!lock.acquire())
+        return 1;
     if (machineExists(name)) {
         vmCritical("Can't create already existing device", name);
         return 1;
@@ -141,8 +146,9 @@ int QEMUEngine::createDevice(const QString &name, const OsImage &image, const Hw
         vmCritical("Failed to create device");
         return deployed;
     }
+    // Saved as given: the disks were made to the profile already.
     QEMUMachine machine(this, devicePath(name), profile, image);
-    if (!machine.setup(profile, image)) {
+    if (!machine.save()) {
         vmCritical("Failed to save device");
         QDir(devicePath(name)).removeRecursively();
         return 1;
@@ -178,48 +184,50 @@ int QEMUEngine::factoryReset(VMToolsMachine *machine)
             machine->configurationValue(QStringLiteral("device_upgraded_at_least_once"), false).toBool();
         return upgraded ? 3 : 2;
     }
-
-    const QString device = machine->path();
-    QTemporaryDir backupRoot;
-    const QString backup = backupRoot.path() + QStringLiteral("/device");
-    if (!backupRoot.isValid() || !copyRecursively(device, backup)) {
-        vmCritical("Failed to backup", device);
+    DeviceLock lock(machine->path());
+    if (!lock.acquire())
         return 2;
-    }
 
-    const QString system = diskPath(device, SystemDisk);
-    const QString data = diskPath(device, DataDisk);
-    auto reset = [&]() {
-        if (!removeFile(system)) {
-            vmCritical("Failed to delete system disk");
-            return false;
-        }
-        if (!removeFile(data)) {
-            vmCritical("Failed to delete data disk");
-            return false;
-        }
-        if (!createOverlayDisk(referenceSystem, system)) {
-            vmCritical("Failed to create system disk");
-            return false;
-        }
-        if (!copyFile(referenceData, data)) {
-            vmCritical("Failed to copy data disk");
-            return false;
-        }
-        return true;
-    };
-    if (reset())
-        return 0;
-
-    // Only the two disks change, so putting them back restores the directory as it was.
+    // The old disks are moved aside, not copied: that needs neither time nor space, and
+    // they stay the device's disks until the new ones are whole.
+    const QString device = machine->path();
     for (const QString &disk : {SystemDisk, DataDisk}) {
-        QString error;
-        QFile::remove(diskPath(device, disk));
-        if (QFileInfo::exists(diskPath(backup, disk))
-            && !copyFileFast(diskPath(backup, disk), diskPath(device, disk), &error))
-            vmCritical("Failed to restore", diskPath(device, disk), ":", error);
+        if (QFileInfo::exists(diskPath(device, disk))
+            && !QFile::rename(diskPath(device, disk), diskPath(device, disk + ResetBackupSuffix))) {
+            vmCritical("Failed to backup", device);
+            finishInterruptedReset(device);
+            return 2;
+        }
     }
-    return 2;
+    const QString system = diskPath(device, SystemDisk + PartialSuffix);
+    const QString data = diskPath(device, DataDisk + PartialSuffix);
+    bool made = createOverlayDisk(referenceSystem, system);
+    if (!made)
+        vmCritical("Failed to create system disk");
+    else if (!(made = copyFile(referenceData, data)))
+        vmCritical("Failed to copy data disk");
+    // The two renames are the reset's end: once both disks are in place, it is done.
+    made = made && QFile::rename(system, diskPath(device, SystemDisk)) && QFile::rename(data, diskPath(device, DataDisk));
+    finishInterruptedReset(device);
+    return made ? 0 : 2;
+}
+
+void QEMUEngine::finishInterruptedReset(const QString &device)
+{
+    const bool done = QFileInfo::exists(diskPath(device, SystemDisk)) && QFileInfo::exists(diskPath(device, DataDisk));
+    for (const QString &disk : {SystemDisk, DataDisk}) {
+        const QString backup = diskPath(device, disk + ResetBackupSuffix);
+        QFile::remove(diskPath(device, disk + PartialSuffix));
+        if (!QFileInfo::exists(backup))
+            continue;
+        if (done) {
+            QFile::remove(backup);
+            continue;
+        }
+        QFile::remove(diskPath(device, disk));
+        if (!QFile::rename(backup, diskPath(device, disk)))
+            vmCritical("Failed to restore", diskPath(device, disk));
+    }
 }
 
 QStringList QEMUEngine::listSnapshots(VMToolsMachine *machine)
@@ -247,8 +255,9 @@ QStringList QEMUEngine::listSnapshots(VMToolsMachine *machine)
 bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name)
 {
     auto *qemuMachine = dynamic_cast<QEMUMachine *>(machine);
+    DeviceLock lock(qemuMachine ? qemuMachine->path() : QString());
     // With virtio the shared folder is read-only and can stay; a writable vvfat drive blocks savevm.
-    if (!qemuMachine || !QEMUClient(quint16(qemuMachine->qmpPort())).saveSnapshot(name, !machine->usesVirtio())) {
+    if (!qemuMachine || !lock.acquire() || !QEMUClient(quint16(qemuMachine->qmpPort())).saveSnapshot(name, !machine->usesVirtio())) {
         vmCritical("Failed to save snapshot", name);
         return false;
     }
@@ -257,6 +266,9 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name)
 
 bool QEMUEngine::deleteSnapshot(VMToolsMachine *machine, const QString &name)
 {
+    DeviceLock lock(machine->path());
+    if (!lock.acquire())
+        return false;
     if (!listSnapshots(machine).contains(name))
         return true;
     const QString directory = machine->path();
@@ -282,6 +294,10 @@ bool QEMUEngine::applyMachineChange(VMToolsMachine *machine, const QString &newN
 VMToolsMachine *QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName)
 {
     if (!isDeviceNameAllowed(newName))
+        return nullptr;
+    DeviceLock sourceLock(source->path());
+    DeviceLock targetLock(devicePath(newName));
+    if (!sourceLock.acquire() || !targetLock.acquire())
         return nullptr;
     if (machineExists(newName)) {
         vmCritical("Can't clone to already existing device", newName);

@@ -1,5 +1,6 @@
 #include "qemumachine.h"
 
+#include "devicelock.h"
 #include "hostdirectories.h"
 #include "logging.h"
 #include "processutils.h"
@@ -72,6 +73,11 @@ bool QEMUMachine::save()
 
 bool QEMUMachine::load()
 {
+    // A reset killed half-way is finished or undone before anyone reads the disks; while
+    // another operation holds the device it may still be running, so it is left alone.
+    DeviceLock lock(m_path);
+    if (lock.tryAcquire())
+        QEMUEngine::finishInterruptedReset(m_path);
     if (!VMToolsMachine::load())
         return false;
     return m_extra.value(VirtualizerKey).toString() == QLatin1String("QEMU");
@@ -93,6 +99,9 @@ void QEMUMachine::refreshRunData()
 
 bool QEMUMachine::setSdCardSize(qint64 megabytes)
 {
+    DeviceLock lock(m_path);
+    if (!lock.acquire())
+        return false;
     const QString image = sdCardImagePath();
     if (QFileInfo::exists(image) && !m_engine->resizeDisk(this, image, megabytes))
         return false;
@@ -101,6 +110,9 @@ bool QEMUMachine::setSdCardSize(qint64 megabytes)
 
 bool QEMUMachine::setSdCardInserted(bool inserted)
 {
+    DeviceLock lock(m_path);
+    if (!lock.acquire())
+        return false;
     if (inserted) {
         const qint64 size = sdCardSize();
         if (size < 1)

@@ -447,6 +447,9 @@ int Commands::create()
     auto device = machine(name);
     if (!device)
         return m_exitCode;
+    // The library makes the card; putting it in the device is the host's choice.
+    if (m_profile.hasSdCard() && !device->setSdCardInserted(true))
+        return m_out.fail(ExitCode::Failure, QStringLiteral("created '%1' but could not insert its SD card").arg(name));
     if (m_out.isJson()) {
         QJsonObject reply = machineJson(device.get(), false);
         reply.insert(QStringLiteral("ok"), true);

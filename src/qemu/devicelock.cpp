@@ -1,0 +1,39 @@
+#include "devicelock.h"
+
+#include "logging.h"
+
+#include <QFileInfo>
+
+namespace {
+
+// Long enough for a start to launch QEMU, short enough that a user is not left waiting.
+constexpr int WaitMs = 5000;
+
+QString lockPath(const QString &devicePath)
+{
+    const QFileInfo device(devicePath);
+    return device.absolutePath() + QStringLiteral("/.") + device.fileName() + QStringLiteral(".lock");
+}
+
+} // namespace
+
+DeviceLock::DeviceLock(const QString &devicePath)
+    : m_name(QFileInfo(devicePath).fileName()), m_lock(lockPath(devicePath))
+{
+    // Only a dead holder frees it: a reset or a clone may take minutes.
+    m_lock.setStaleLockTime(0);
+}
+
+bool DeviceLock::acquire()
+{
+    if (m_lock.tryLock(WaitMs))
+        return true;
+    vmCritical("Device", m_name, "is busy with another operation");
+    return false;
+}
+
+bool DeviceLock::isBusy(const QString &devicePath)
+{
+    DeviceLock probe(devicePath);
+    return !probe.tryAcquire() && probe.m_lock.error() == QLockFile::LockFailedError;
+}

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <QLockFile>
+#include <QString>
+
+// Serialises the operations on one device across threads and processes: start, stop,
+// delete, clone, reset, snapshots and SD card changes. The lock file lies beside the
+// device's folder under a hidden name, which no device can have, so removing the folder
+// never removes a held lock.
+class DeviceLock
+{
+public:
+    explicit DeviceLock(const QString &devicePath);
+
+    // Waits a few seconds for another operation to end; false, with a critical line that
+    // names the device, when it does not.
+    bool acquire();
+    // Takes the lock only if it is free at once; silent.
+    bool tryAcquire() { return m_lock.tryLock(0); }
+    // True while another thread or process holds the device's lock.
+    static bool isBusy(const QString &devicePath);
+
+private:
+    QString m_name;
+    QLockFile m_lock;
+};
