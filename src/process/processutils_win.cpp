@@ -77,3 +77,11 @@ QString processNameByPid(quint32 pid)
     const QString path = QString::fromLocal8Bit(buffer);
     return path.mid(path.lastIndexOf(QLatin1Char('\\')) + 1);
 }
+
+bool runsProgram(quint32 pid, const QString &program, const QDateTime &startedBy)
+{
+    Q_UNUSED(startedBy);
+    // Written this way round on purpose: a name that cannot be read (empty) passes, so a
+    // process we may not inspect is taken for the program rather than its record thrown away.
+    return QFileInfo(program).fileName().startsWith(processNameByPid(pid));
+}

@@ -364,10 +364,8 @@ bool QEMUMachine::writeLockFile(quint16 portOffset, qint64 pid)
 
 bool QEMUMachine::isQemuProcess(quint32 pid) const
 {
-    // Written this way round on purpose: a name that cannot be read (empty) passes, so a
-    // process we may not inspect is taken for QEMU rather than its lock thrown away.
-    const QString qemuName = QFileInfo(m_engine->qemuPath()).fileName();
-    return qemuName.startsWith(processNameByPid(pid));
+    // QEMU is launched before its lock is written: a process that started later only reuses the pid.
+    return runsProgram(pid, m_engine->qemuPath(), QFileInfo(m_lockFilePath).lastModified());
 }
 
 QString QEMUMachine::logFilePath() const

@@ -1,6 +1,8 @@
+#include "casetable.h"
 #include "fakeprogram.h"
 #include "fixtures.h"
 #include "logcapture.h"
+#include "processutils.h"
 #include "qemuengine.h"
 #include "qemumachine.h"
 #include "testfiles.h"
@@ -15,6 +17,7 @@ class tst_QemuEngine : public QObject
     Q_OBJECT
     QTemporaryDir m_home, m_bin;
     std::unique_ptr<FakeProgram> m_qemu;
+    qint64 m_started = 0;
 
     void scriptQemu(const QString &errorText, int sleepMs)
     {
@@ -39,6 +42,7 @@ private slots:
     void cleanup()
     {
         killProcessesBelow(m_bin.path());
+        if (m_started > 0 && isRunning(quint32(m_started))) destroyProcess(quint32(std::exchange(m_started, 0)));
         QDir(QEMUEngine().devicesDirectory()).removeRecursively();
     }
 
@@ -140,6 +144,24 @@ private slots:
         QCOMPARE(machine->adbSerial(), expected == 1 ? "127.0.0.1:6569" : "127.0.0.1:6554");
     }
 
+    // Who may own a lock; stop removes any other lock and leaves its process alone. "copy": sleep as bin/<copy>/qemu-system-x86_64.
+    void lockOwner_data() { addCaseRows("engine/locks.json"); }
+    void lockOwner()
+    {
+        QV_FETCH_CASE;
+        const QString copy = c["copy"].toString(), program = QDir::cleanPath(m_bin.path() + "/" + copy + "/qemu-system-x86_64");
+        QVERIFY(copy.isEmpty() || (QDir().mkpath(m_bin.filePath(copy)) && QFile::copy(QStandardPaths::findExecutable("sleep"), program)
+                                   && QFile::setPermissions(program, QFile::ExeOwner | (c["readable"].toBool() ? QFile::ReadOwner : QFile::ExeOwner))));
+        scriptQemu(QString(), 20000);
+        QEMUEngine engine;
+        auto machine = newDevice(engine, "dev");
+        QVERIFY(machine && QProcess::startDetached(program, {"20"}, QString(), &m_started) && machine->writeLockFile(7, m_started));
+        QFile lock(machine->lockFilePath());
+        QVERIFY(lock.open(QIODevice::ReadWrite) && lock.setFileTime(QDateTime::currentDateTime().addSecs(-c["lockAgeS"].toInt()), QFileDevice::FileModificationTime));
+        QCOMPARE(machine->status(), c["running"].toBool() ? 1 : 2);
+        QCOMPARE(engine.stopMachine(machine.get()), c["running"].toBool());
+        QTRY_VERIFY_WITH_TIMEOUT(!lock.exists() && isRunning(quint32(m_started)) != c["running"].toBool(), 5000);
+    }
 };
 
 QTEST_GUILESS_MAIN(tst_QemuEngine)
