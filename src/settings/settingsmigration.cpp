@@ -5,7 +5,8 @@
 #include "logging.h"
 
 #include <QDir>
-#include <QMap>
+#include <QFileInfo>
+#include <QJsonObject>
 #include <QSettings>
 
 namespace {
@@ -87,24 +88,42 @@ QVariant convert(const QVariant &value, Kind kind)
     return QVariant();
 }
 
+// The newest copy of a damaged store kept beside it, or an empty string.
+QString keptAside(const QString &path)
+{
+    const QFileInfo info(path);
+    const QStringList kept = info.dir().entryList({info.fileName() + QStringLiteral(".bad-*")},
+                                                  QDir::Files | QDir::Hidden, QDir::Name);
+    return kept.isEmpty() ? QString() : info.dir().filePath(kept.last());
+}
+
 } // namespace
 
 void migrateSettings(QSettings &legacy, JsonSettings &target)
 {
-    const int version = target.value(QStringLiteral("version"), 0).toInt();
-    if (version != 0)
+    if (target.value(QStringLiteral("version"), 0).toInt() != 0)
         return;
-    Log::critical("Migrating settings since version is", version, "but expect version", CurrentVersion);
-
-    QMap<QString, QVariant> values;  // ordered by new key, the order the rows are written in
-    for (const Row &row : Rows) {
-        const QVariant legacyValue = legacy.value(QLatin1String(row.oldKey), defaultFor(row));
-        values.insert(QLatin1String(row.newKey), convert(legacyValue, row.kind));
-    }
-    for (auto it = values.cbegin(); it != values.cend(); ++it)
-        target.setValue(it.key(), it.value());
-
-    if (!target.value(QStringLiteral("virtualbox.host_only_interface_name")).toString().isEmpty())
-        target.setValue(QStringLiteral("hypervisor"), QStringLiteral("virtualbox"));
-    target.setValue(QStringLiteral("version"), CurrentVersion);
+    // Checked again under the lock: a process starting at the same time may have won.
+    target.update([&](QJsonObject &object) {
+        const int version = object.value(QStringLiteral("version")).toVariant().toInt();
+        if (version != 0)
+            return false;
+        // A damaged store took its "version" with it, but it was still newer than the
+        // legacy settings: bringing those back would undo the user's later choices.
+        const QString kept = keptAside(target.path());
+        if (!kept.isEmpty()) {
+            Log::warning("Legacy settings not migrated, the damaged store was kept as", kept);
+            object.insert(QStringLiteral("version"), CurrentVersion);
+            return true;
+        }
+        Log::critical("Migrating settings since version is", version, "but expect version", CurrentVersion);
+        for (const Row &row : Rows) {
+            const QVariant legacyValue = legacy.value(QLatin1String(row.oldKey), defaultFor(row));
+            object.insert(QLatin1String(row.newKey), QJsonValue::fromVariant(convert(legacyValue, row.kind)));
+        }
+        if (!object.value(QStringLiteral("virtualbox.host_only_interface_name")).toString().isEmpty())
+            object.insert(QStringLiteral("hypervisor"), QStringLiteral("virtualbox"));
+        object.insert(QStringLiteral("version"), CurrentVersion);
+        return true;
+    });
 }
