@@ -9,6 +9,8 @@
 #include <QJsonObject>
 #include <QSettings>
 
+#include <limits>
+
 namespace {
 
 const int CurrentVersion = 1;
@@ -73,15 +75,27 @@ QVariant defaultFor(const Row &row)
     return QString();
 }
 
-QVariant convert(const QVariant &value, Kind kind)
+// Values the old releases could not really have meant fall back to the row's default: an
+// empty folder (it would resolve against the working directory) and an integer that does
+// not fit, which a plain conversion would silently truncate.
+QVariant convert(const QVariant &value, const Row &row)
 {
-    switch (kind) {
-    case Kind::String:
-        return value.toString();
+    switch (row.kind) {
+    case Kind::String: {
+        const QString text = value.toString();
+        if (row.fallback != Fallback::Empty && text.trimmed().isEmpty())
+            return defaultFor(row);
+        return text;
+    }
     case Kind::Bool:
         return value.toBool();
-    case Kind::Int:
-        return value.toInt();
+    case Kind::Int: {
+        bool ok = false;
+        const qlonglong number = value.toLongLong(&ok);
+        if (!ok || number < std::numeric_limits<int>::min() || number > std::numeric_limits<int>::max())
+            return defaultFor(row);
+        return int(number);
+    }
     case Kind::Base64:
         return QString::fromLatin1(value.toByteArray().toBase64());
     }
@@ -119,7 +133,7 @@ void migrateSettings(QSettings &legacy, JsonSettings &target)
         Log::critical("Migrating settings since version is", version, "but expect version", CurrentVersion);
         for (const Row &row : Rows) {
             const QVariant legacyValue = legacy.value(QLatin1String(row.oldKey), defaultFor(row));
-            object.insert(QLatin1String(row.newKey), QJsonValue::fromVariant(convert(legacyValue, row.kind)));
+            object.insert(QLatin1String(row.newKey), QJsonValue::fromVariant(convert(legacyValue, row)));
         }
         if (!object.value(QStringLiteral("virtualbox.host_only_interface_name")).toString().isEmpty())
             object.insert(QStringLiteral("hypervisor"), QStringLiteral("virtualbox"));
