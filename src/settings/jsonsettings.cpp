@@ -3,13 +3,21 @@
 #include "fileutils.h"
 #include "logging.h"
 
+#include <QDateTime>
+#include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonValue>
+#include <QLockFile>
+#include <QMutex>
 #include <QSaveFile>
 
 namespace {
+
+// A write holds the lock for milliseconds; a holder that died is detected at once.
+const int LockTimeoutMs = 10000;
 
 // Sets keyPath[index..] inside object; false when a member on the way is not an object.
 bool setMember(QJsonObject &object, const QStringList &keyPath, int index, const QJsonValue &value)
@@ -36,6 +44,23 @@ QString valueText(const QJsonValue &value)
     // Wrapping in an array gives compact JSON text for scalars as well.
     const QByteArray json = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
     return QString::fromUtf8(json.mid(1, json.size() - 2));
+}
+
+// Keeps a damaged file under a name that sorts by time, so starting afresh loses nothing
+// the user could still recover.
+bool setAside(const QString &path)
+{
+    const QString stem = path + QStringLiteral(".bad-")
+            + QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
+    QString kept = stem;
+    for (int n = 2; QFileInfo::exists(kept) && n < 100; ++n)
+        kept = stem + QLatin1Char('-') + QString::number(n);
+    if (!QFile::rename(path, kept)) {
+        Log::warning("Cannot move damaged", path, "to", kept);
+        return false;
+    }
+    Log::warning("Moved damaged", path, "to", kept);
+    return true;
 }
 
 } // namespace
@@ -67,12 +92,39 @@ void JsonSettings::setValue(const QStringList &keyPath, const QVariant &value)
     if (m_readOnly || keyPath.isEmpty())
         return;
     const QJsonValue json = QJsonValue::fromVariant(value);
-    QJsonObject object = load();
-    if (!setMember(object, keyPath, 0, json)) {
+    update([&](QJsonObject &object) {
+        if (setMember(object, keyPath, 0, json))
+            return true;
         Log::warning("Cannot update", keyPath.join(QLatin1Char('/')), "to", valueText(json));
-        return;
+        return false;
+    });
+}
+
+bool JsonSettings::update(const std::function<bool(QJsonObject &)> &change)
+{
+    if (m_readOnly)
+        return false;
+    // Threads queue here: the lock file would make them poll, as it does other processes.
+    static QMutex threads;
+    const QMutexLocker queued(&threads);
+    const QString lockPath = m_path + QStringLiteral(".lock");
+    QLockFile lock(lockPath);
+    // Any other lock error means the folder takes no files at all; the save says why.
+    if (!lock.tryLock(LockTimeoutMs) && lock.error() == QLockFile::LockFailedError) {
+        Log::warning("Timed out waiting for", lockPath);
+        return false;
     }
-    save(object);
+    const JsonReadResult read = readJsonFile(m_path);
+    if (read.status == 1 && QFileInfo::exists(m_path)) {
+        Log::warning("Not writing", m_path, "which exists but cannot be read");
+        return false;
+    }
+    if (read.status == 2 || (read.status == 0 && !read.document.isObject())) {
+        if (!setAside(m_path))
+            return false;
+    }
+    QJsonObject object = read.document.object();
+    return change(object) && save(object);
 }
 
 QJsonObject JsonSettings::load() const
@@ -81,14 +133,16 @@ QJsonObject JsonSettings::load() const
     return readJsonFile(m_path).document.object();
 }
 
-void JsonSettings::save(const QJsonObject &object) const
+bool JsonSettings::save(const QJsonObject &object) const
 {
     QSaveFile file(m_path);
     if (!file.open(QIODevice::WriteOnly)) {
         Log::warning("Failed to open file for writing:", m_path);
-        return;
+        return false;
     }
     file.write(QJsonDocument(object).toJson(QJsonDocument::Indented));
-    if (!file.commit())
-        Log::warning("Failed to write", m_path, file.errorString());
+    if (file.commit())
+        return true;
+    Log::warning("Failed to write", m_path, file.errorString());
+    return false;
 }

@@ -5,8 +5,11 @@
 #include "logging.h"
 
 #include <QDir>
-#include <QMap>
+#include <QFileInfo>
+#include <QJsonObject>
 #include <QSettings>
+
+#include <limits>
 
 namespace {
 
@@ -72,39 +75,69 @@ QVariant defaultFor(const Row &row)
     return QString();
 }
 
-QVariant convert(const QVariant &value, Kind kind)
+// Values the old releases could not really have meant fall back to the row's default: an
+// empty folder (it would resolve against the working directory) and an integer that does
+// not fit, which a plain conversion would silently truncate.
+QVariant convert(const QVariant &value, const Row &row)
 {
-    switch (kind) {
-    case Kind::String:
-        return value.toString();
+    switch (row.kind) {
+    case Kind::String: {
+        const QString text = value.toString();
+        if (row.fallback != Fallback::Empty && text.trimmed().isEmpty())
+            return defaultFor(row);
+        return text;
+    }
     case Kind::Bool:
         return value.toBool();
-    case Kind::Int:
-        return value.toInt();
+    case Kind::Int: {
+        bool ok = false;
+        const qlonglong number = value.toLongLong(&ok);
+        if (!ok || number < std::numeric_limits<int>::min() || number > std::numeric_limits<int>::max())
+            return defaultFor(row);
+        return int(number);
+    }
     case Kind::Base64:
         return QString::fromLatin1(value.toByteArray().toBase64());
     }
     return QVariant();
 }
 
+// The newest copy of a damaged store kept beside it, or an empty string.
+QString keptAside(const QString &path)
+{
+    const QFileInfo info(path);
+    const QStringList kept = info.dir().entryList({info.fileName() + QStringLiteral(".bad-*")},
+                                                  QDir::Files | QDir::Hidden, QDir::Name);
+    return kept.isEmpty() ? QString() : info.dir().filePath(kept.last());
+}
+
 } // namespace
 
 void migrateSettings(QSettings &legacy, JsonSettings &target)
 {
-    const int version = target.value(QStringLiteral("version"), 0).toInt();
-    if (version != 0)
+    if (target.value(QStringLiteral("version"), 0).toInt() != 0)
         return;
-    Log::critical("Migrating settings since version is", version, "but expect version", CurrentVersion);
-
-    QMap<QString, QVariant> values;  // ordered by new key, the order the rows are written in
-    for (const Row &row : Rows) {
-        const QVariant legacyValue = legacy.value(QLatin1String(row.oldKey), defaultFor(row));
-        values.insert(QLatin1String(row.newKey), convert(legacyValue, row.kind));
-    }
-    for (auto it = values.cbegin(); it != values.cend(); ++it)
-        target.setValue(it.key(), it.value());
-
-    if (!target.value(QStringLiteral("virtualbox.host_only_interface_name")).toString().isEmpty())
-        target.setValue(QStringLiteral("hypervisor"), QStringLiteral("virtualbox"));
-    target.setValue(QStringLiteral("version"), CurrentVersion);
+    // Checked again under the lock: a process starting at the same time may have won.
+    target.update([&](QJsonObject &object) {
+        const int version = object.value(QStringLiteral("version")).toVariant().toInt();
+        if (version != 0)
+            return false;
+        // A damaged store took its "version" with it, but it was still newer than the
+        // legacy settings: bringing those back would undo the user's later choices.
+        const QString kept = keptAside(target.path());
+        if (!kept.isEmpty()) {
+            Log::warning("Legacy settings not migrated, the damaged store was kept as", kept);
+            object.insert(QStringLiteral("version"), CurrentVersion);
+            return true;
+        }
+        Log::critical("Migrating settings since version is", version, "but expect version", CurrentVersion);
+        for (const Row &row : Rows) {
+            const QVariant legacyValue = legacy.value(QLatin1String(row.oldKey), defaultFor(row));
+            object.insert(QLatin1String(row.newKey), QJsonValue::fromVariant(convert(legacyValue, row)));
+        }
+        if (!object.value(QStringLiteral("virtualbox.host_only_interface_name")).toString().isEmpty())
+            object.insert(QStringLiteral("hypervisor"), QStringLiteral("virtualbox"));
+        object.insert(QStringLiteral("version"), CurrentVersion);
+        return true;
+    });
 }

@@ -7,7 +7,16 @@
 #include "productlinks.h"
 #include "settingsmigration.h"
 
-#include <thread>
+#include <sys/fsuid.h>
+
+static const char MigrateAndWrite[] = "--migrate-and-write";
+
+// The newest damaged copy kept beside path when it holds exactly damaged, else "".
+static QString keptAside(const QString &path, const QByteArray &damaged)
+{
+    const QFileInfoList kept = QFileInfo(path).dir().entryInfoList({"*.bad-????????-??????"}, QDir::Files, QDir::Name);
+    return kept.isEmpty() || fileContents(kept.last().filePath()) != damaged ? QString() : kept.last().filePath();
+}
 
 class tst_Settings : public QObject
 {
@@ -32,10 +41,16 @@ private slots:
         const QByteArray initial = c["initial"].toString().toUtf8();
         QVERIFY(!c.contains("initial") || writeFile(path, initial));
         JsonSettings store(path, c["readOnly"].toBool());
+        // Root reads any file, so for the writes a root run takes the rights of nobody.
+        const uint owner = QFileInfo(dir.path()).ownerId();
+        const bool unreadable = c["unreadable"].toBool();
+        QVERIFY(!unreadable || (QFile::setPermissions(path, {}) && QFile::setPermissions(dir.path(), QFileDevice::Permissions(0x7777))));
+        setfsuid(unreadable && owner == 0 ? 65534 : owner);
         LogCapture capture;
         for (const QJsonValue &write : c["writes"].toArray())
             store.setValue(write[0].toString().split('/'), write[1].toVariant());
-        QV_COMPARE_JSON(logLines(capture), expand(c["log"], {{"%1", path}}).toArray());
+        setfsuid(owner), QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner);
+        QV_COMPARE_JSON(logLines(capture), expand(c["log"], {{"%1", path}, {"%BAD", keptAside(path, initial)}}).toArray());
         // Unchanged unless a whole new object is expected.
         QCOMPARE(fileContents(path), c.contains("expected") ? QJsonDocument(c["expected"].toObject()).toJson() : initial);
         const QJsonObject object = jsonFileObject(path);
@@ -46,19 +61,21 @@ private slots:
 
     void concurrentWriters()
     {
-        // Each write replaces the whole file, so a reader never sees a partial one.
-        QTemporaryDir dir;
-        const QString path = dir.filePath("s.json");
-        QVERIFY(writeFile(path, "{}"));
-        std::atomic<int> badReads{0};
-        const auto writer = [&](const char *key) {
-            for (int i = 0; i < 150; ++i, badReads += readJsonFile(path).document.isObject() ? 0 : 1)
-                JsonSettings(path, false).setValue(key, i);
-        };
-        std::thread first(writer, "first"), second(writer, "second");
-        first.join(), second.join();
-        QVERIFY(badReads == 0 && (jsonFileObject(path)["first"] == 149 || jsonFileObject(path)["second"] == 149));
-        QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList{"s.json"});
+        // Hosts starting together: one of them migrates, none loses a write, none reads a
+        // partial file, and nothing is left beside the file.
+        for (int round = 0; round < 6; ++round) {
+            QTemporaryDir dir;
+            QJsonObject expected = jsonFileObject(QV_TEST_DATA_DIR "/settings/legacy-migrated.json");
+            QProcess hosts[4];
+            for (int i = 0; i < 4; ++i)
+                hosts[i].start(QCoreApplication::applicationFilePath(), {MigrateAndWrite, dir.filePath("s.json"), expected.insert(QString("host%1").arg(i), 19).key()});
+            int migrations = 0;
+            for (QProcess &host : hosts)
+                migrations += host.waitForFinished(30000) && host.exitCode() == 0 ? QString(host.readAllStandardError()).count("Migrating settings") : 9;
+            QCOMPARE(migrations, 1);
+            QV_COMPARE_JSON(jsonFileObject(dir.filePath("s.json")), expected);
+            QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList{"s.json"});
+        }
     }
 
     void multiSettings_data() { addCaseRows("settings/multisettings.json"); }
@@ -99,7 +116,7 @@ private slots:
         JsonSettings target(path, false);
         LogCapture capture;
         migrateSettings(source, target);
-        QV_COMPARE_JSON(logLines(capture), c["log"].toArray());
+        QV_COMPARE_JSON(logLines(capture), expand(c["log"], {{"%1", path}, {"%BAD", keptAside(path, initial)}}).toArray());
         const QString golden = QString::fromUtf8(fileContents(QV_TEST_DATA_DIR "/settings/" + c["expected"].toString()));
         QCOMPARE(QString::fromUtf8(fileContents(path)), c.contains("expected")
                  ? QString(golden).replace("%HOME", QDir::homePath()).replace("%DEPLOYED", deployedDirectory()) : initial);
@@ -151,5 +168,21 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(tst_Settings)
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    if (argc == 4 && qstrcmp(argv[1], MigrateAndWrite) == 0) {  // a host starting up, then changing a setting
+        QSettings legacy(QV_TEST_DATA_DIR "/settings/legacy.ini", QSettings::IniFormat);
+        JsonSettings user(QString::fromLocal8Bit(argv[2]), false);
+        migrateSettings(legacy, user);
+        for (int k = 0; k < 20; ++k) {
+            user.setValue(argv[3], k);
+            if (user.value(argv[3]) != k)  // read back while the others write
+                return 1;
+        }
+        return 0;
+    }
+    tst_Settings test;
+    return QTest::qExec(&test, argc, argv);
+}
 #include "tst_settings.moc"
