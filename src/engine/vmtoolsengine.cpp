@@ -91,8 +91,9 @@ VMToolsEngine::VMToolsEngine(CpuidFunction cpuid)
     m_cpuVendor = cpuVendorOf(cpuid);
     vmDebug("Chipset:", m_cpuVendor);
     m_virtualizationSupported = testVirtualization(cpuid, m_cpuVendor);
-    m_devicesDirectory.setPath(
-        settings()->value(QStringLiteral("virtual_devices.directory"), deployedDirectory()).toString());
+    // An empty folder means "not set", never the working directory.
+    const QString configured = settings()->value(QStringLiteral("virtual_devices.directory")).toString();
+    m_devicesDirectory.setPath(configured.trimmed().isEmpty() ? deployedDirectory() : configured);
 }
 
 VMToolsEngine::~VMToolsEngine() = default;

@@ -291,7 +291,7 @@ private slots:
         const QString system = machine->path() + "/system.qcow2";
         if (row["diskHeld"].toBool()) {
             m_holder.start(m_engine->qemuPath(), {"-nodefaults", "-display", "none", "-S", "-m", "64M", "-drive", "file=" + system + ",format=qcow2"});
-            QTRY_VERIFY_WITH_TIMEOUT(!runTool(m_img, {"info", system}, 5000), 10000);  // the image lock is taken
+            QTRY_VERIFY_WITH_TIMEOUT(!runTool(m_img, {"info", system}, 5000), 30000);  // the image lock is taken
         }
         LogCapture log;
         QCOMPARE(m_engine->startMachine(machine.get(), QString()), result);

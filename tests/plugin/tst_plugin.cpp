@@ -28,8 +28,11 @@ private slots:
         settings.insert("virtual_devices.directory", devices);
         QVERIFY(writeFile(homeDirectory() + "/settings.json", QJsonDocument(settings).toJson()));
         std::unique_ptr<VMToolsEngine> third(entry());
-        QCOMPARE((QStringList{first->name(), first->sdcardDiskName(), second->name(), third->devicesDirectory().path()}),
-                 (QStringList{"QEMU", "sdcard.qcow2", "QEMU", devices}));
+        settings.insert("virtual_devices.directory", "");
+        QVERIFY(writeFile(homeDirectory() + "/settings.json", QJsonDocument(settings).toJson()));
+        std::unique_ptr<VMToolsEngine> fourth(entry());
+        QCOMPARE((QStringList{first->name(), first->sdcardDiskName(), second->name(), third->devicesDirectory().path(), fourth->devicesDirectory().path()}),
+                 (QStringList{"QEMU", "sdcard.qcow2", "QEMU", devices, QDir(deployedDirectory()).path()}));
     }
 };
 

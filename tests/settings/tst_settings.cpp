@@ -14,7 +14,7 @@ static const char MigrateAndWrite[] = "--migrate-and-write";
 // The newest damaged copy kept beside path when it holds exactly damaged, else "".
 static QString keptAside(const QString &path, const QByteArray &damaged)
 {
-    const QFileInfoList kept = QFileInfo(path).dir().entryInfoList({"*.bad-????????-??????"}, QDir::Files, QDir::Name);
+    const QFileInfoList kept = QFileInfo(path).dir().entryInfoList({"*.bad-*"}, QDir::Files, QDir::Name);
     return kept.isEmpty() || fileContents(kept.last().filePath()) != damaged ? QString() : kept.last().filePath();
 }
 
