@@ -58,6 +58,20 @@ private slots:
                                                         "[VMTools] Failed to save snapshot s", "[VMTools] Cannot factory reset null machine"}));
     }
 
+    // Single-file operations: a missing file counts as removed; a folder is neither copied nor removed.
+    void fileOperations()
+    {
+        QTemporaryDir dir;
+        QVERIFY(writeFile(dir.filePath("f"), "x") && QDir().mkpath(dir.filePath("folder/inner")));
+        QEMUEngine engine;
+        LogCapture log;
+        QVERIFY(engine.copyFile(dir.filePath("f"), dir.filePath("g")) && fileContents(dir.filePath("g")) == "x");
+        QVERIFY(!engine.copyFile(dir.filePath("folder"), dir.filePath("h")) && !QFile::exists(dir.filePath("h")));
+        QVERIFY(engine.removeFile(dir.filePath("f")) && !QFile::exists(dir.filePath("f")) && engine.removeFile(dir.filePath("f")));
+        QVERIFY(!engine.removeFile(dir.filePath("folder")) && QFileInfo::exists(dir.filePath("folder/inner")));
+        QCOMPARE(log.lines(QtWarningMsg).filter("Failed to remove").size(), 1);
+    }
+
     // Renaming moves the folder and gives the device its new uuid; a taken name changes nothing.
     void applyMachineChange_data()
     {
