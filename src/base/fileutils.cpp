@@ -52,7 +52,7 @@ JsonReadResult readJsonFile(const QString &path)
 void walkFiles(const QString &root, const QStringList &nameFilters,
                const std::function<void(const QFileInfo &)> &callback)
 {
-    QDirIterator it(root, nameFilters, QDir::Files, QDirIterator::Subdirectories);
+    QDirIterator it(root, nameFilters, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     while (it.hasNext())
         callback(QFileInfo(it.next()));
 }

@@ -27,8 +27,8 @@ ReadResult readFile(const QString &path);
 bool writeFileAtomically(const QString &path, const QByteArray &data);
 JsonReadResult readJsonFile(const QString &path);
 
-// Calls callback for every non-hidden file below root, at any depth; an empty filter
-// list takes every name.
+// Calls callback for every file below root, hidden ones included, at any depth; an empty
+// filter list takes every name.
 void walkFiles(const QString &root, const QStringList &nameFilters,
                const std::function<void(const QFileInfo &)> &callback);
 

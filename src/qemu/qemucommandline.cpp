@@ -88,9 +88,15 @@ const QVector<QemuCommandLine::PortForward> &QemuCommandLine::portForwards()
     return forwards;
 }
 
+QString QemuCommandLine::escapedOptionValue(QString value)
+{
+    // QEMU splits option lists at single commas; a doubled one stands for itself.
+    return value.replace(QLatin1Char(','), QStringLiteral(",,"));
+}
+
 QString QemuCommandLine::diskDriveSpec(const QString &path, bool virtio)
 {
-    QString drive = QStringLiteral("file=%1,format=qcow2").arg(path);
+    QString drive = QStringLiteral("file=%1,format=qcow2").arg(escapedOptionValue(path));
     if (virtio)
         drive += QStringLiteral(",if=virtio");
     return drive;
@@ -141,13 +147,13 @@ QemuOptionMap QemuCommandLine::defaultOptions(const QemuLaunchSpec &launch) cons
     if (launch.snapshotName.isEmpty() && !launch.virtio) {
         vmDebug("No shapshot available. Load shared folder drive.");
         options.addText(drive, QStringLiteral("format=vvfat,label=shared,id=shared,file=fat:rw:%1/%2")
-                                       .arg(launch.machinePath, sharedFolder));
+                                       .arg(escapedOptionValue(launch.machinePath), sharedFolder));
     }
     // A snapshot restores a guest that already saw the folder; with virtio the guest may
     // have cached it, so it never gets write access then.
     if (launch.virtio) {
         options.addText(drive, QStringLiteral("format=vvfat,label=shared,file=fat:ro:%1/%2,if=virtio")
-                                       .arg(launch.machinePath, sharedFolder));
+                                       .arg(escapedOptionValue(launch.machinePath), sharedFolder));
     }
     if (!launch.snapshotName.isEmpty()) {
         vmDebug("Starting from snapshot", launch.snapshotName);

@@ -44,6 +44,8 @@ public:
     static QStringList flatten(const QemuOptionMap &options);
     // The command as logged: one option per line, every piece quoted, for copy and paste.
     static QString startCommandText(const QString &program, const QStringList &arguments);
+    // A value inside a comma-separated option list, such as a file name, with its commas doubled.
+    static QString escapedOptionValue(QString value);
     static QString diskDriveSpec(const QString &path, bool virtio);
     // The device's service ports, forwarded from host base + port offset.
     static const QVector<PortForward> &portForwards();

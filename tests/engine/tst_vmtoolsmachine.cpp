@@ -134,6 +134,18 @@ private slots:
         QCOMPARE(machine->VMToolsMachine::adbPort(), quint16(5555));
     }
 
+    // Every file counts, hidden ones too; the figure is taken once per machine object.
+    void sizeOnDisk()
+    {
+        QTemporaryDir dir;
+        auto machine = newMachine(dir);
+        const qint64 json = QFileInfo(machine->deviceJsonPath()).size();
+        QVERIFY(writeFile(dir.filePath("dev/.hidden/a"), "12345") && writeFile(dir.filePath("dev/.b"), "123"));
+        QCOMPARE(machine->sizeOnDisk(), json + 8);
+        QVERIFY(writeFile(dir.filePath("dev/more"), "1"));
+        QCOMPARE(machine->sizeOnDisk(), json + 8);
+    }
+
 };
 
 QTEST_GUILESS_MAIN(tst_VMToolsMachine)
