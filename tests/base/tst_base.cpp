@@ -95,7 +95,7 @@ private slots:
             walkFiles(dir.path(), filters, [&](const QFileInfo &f) { seen << QDir(dir.path()).relativeFilePath(f.filePath()); });
             seen.sort();
             QCOMPARE(seen.removeAll("b.txt"), filters.isEmpty() ? 1 : 0);
-            QCOMPARE(seen, QStringList({"a.json", "d/e/c.json", "d/f.JSON"}));
+            QCOMPARE(seen, QStringList({".h/g.json", ".hidden.json", "a.json", "d/e/c.json", "d/f.JSON"}));
         }
     }
 
