@@ -133,6 +133,11 @@ int QEMUEngine::createDevice(const QString &name, const OsImage &image, const Hw
 {
     if (!isDeviceNameAllowed(name))
         return 1;
+    // device.json could not be read back without it, and the device would lose its image.
+    if (!image.buildDate.isValid()) {
+        vmCritical("Refusing OS image", image.name, "without a valid build date");
+        return 1;
+    }
     DeviceLock lock(devicePath(name));
     if (!lock.acquire())
         return 1;

@@ -5,6 +5,7 @@
 #include "vmtoolsengine.h"
 #include "vmtoolsmachine.h"
 
+#include <QCryptographicHash>
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
@@ -13,6 +14,7 @@
 #include <QJsonParseError>
 #include <QUrl>
 #include <QUuid>
+#include <QtEndian>
 
 #include <functional>
 
@@ -251,10 +253,16 @@ QString Commands::loadDescriptions()
         // A bare archive: describe it as a user image of this host's architecture.
         m_image.uuid = QUuid::createUuid().toString(QUuid::WithoutBraces);
         m_image.name = imageFile.completeBaseName();
-        m_image.buildDate = QDateTime::currentDateTimeUtc();
+        m_image.buildDate = imageFile.lastModified().toUTC();
         m_image.source = HwProfile::Source::USER;
         m_image.osVersion = parseVersion(QStringLiteral("11.0.0"));
-        m_image.imageVersion = parseVersion(QStringLiteral("1.0.0"));
+        // The versions name the library's reference folder: each archive gets its own, so two
+        // archives never share disks. Path, size and time tell archives apart without reading them.
+        const QByteArray identity = (imageFile.canonicalFilePath() + QString::number(imageFile.size())
+                                     + QString::number(imageFile.lastModified().toMSecsSinceEpoch())).toUtf8();
+        const QByteArray digest = QCryptographicHash::hash(identity, QCryptographicHash::Sha1);
+        const quint32 build = qFromBigEndian<quint32>(digest.constData()) & 0x7fffffff;
+        m_image.imageVersion = parseVersion(QStringLiteral("1.0.%1").arg(build));
         m_image.arch = QStringLiteral("x86_64");
         m_image.imageUri = imageFile.absoluteFilePath();
         m_image.imageSizeBytes = imageFile.size();
@@ -433,8 +441,8 @@ int Commands::create()
     if (m_engine->machineExists(name))
         return m_out.fail(ExitCode::Failure, QStringLiteral("device '%1' already exists; pick another name or delete it first").arg(name));
     if (m_imageDerived)
-        m_out.message(QStringLiteral("Describing %1 as a user image: name %2, arch x86_64, OS 11.0.0, image 1.0.0")
-                          .arg(m_image.imageUri, m_image.name));
+        m_out.message(QStringLiteral("Describing %1 as a user image: name %2, arch x86_64, OS 11.0.0, image %3")
+                          .arg(m_image.imageUri, m_image.name, m_image.imageVersion.toString()));
     int result = 0;
     {
         Spinner spinner(QStringLiteral("Creating %1").arg(name));
