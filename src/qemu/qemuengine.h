@@ -90,6 +90,8 @@ public:
 
 private:
     void probeAcceleration();
+    // True when a device of that name would be overwritten (qemuengine_disks.cpp).
+    bool isNameTaken(const QString &name);
     void queryVersion();
 
     HostPlatform m_platform;

@@ -93,7 +93,7 @@ int QEMUEngine::deployDevice(const QString &name, const QString &ovaSource, qint
 {
     if (!isDeviceNameAllowed(name))
         return 1;
-    if (machineExists(name)) {
+    if (isNameTaken(name)) {
         vmCritical("Can't create already existing device", name);
         return 1;
     }
@@ -141,7 +141,7 @@ int QEMUEngine::createDevice(const QString &name, const OsImage &image, const Hw
     DeviceLock lock(devicePath(name));
     if (!lock.acquire())
         return 1;
-    if (machineExists(name)) {
+    if (isNameTaken(name)) {
         vmCritical("Can't create already existing device", name);
         return 1;
     }
@@ -304,36 +304,47 @@ VMToolsMachine *QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &
     DeviceLock targetLock(devicePath(newName));
     if (!sourceLock.acquire() || !targetLock.acquire())
         return nullptr;
-    if (machineExists(newName)) {
+    if (isNameTaken(newName)) {
         vmCritical("Can't clone to already existing device", newName);
         return nullptr;
     }
     const QString destination = devicePath(newName);
-    DirectoryGuard guard(destination);
     if (QFileInfo::exists(destination) && !QDir(destination).removeRecursively()) {
         vmWarning("Failed to clean", destination);
         return nullptr;
     }
-    if (!copyRecursively(source->path(), destination)) {
+    // Made under a hidden name and renamed once whole, so that a clone cut short never
+    // stands as a device with its source's uuid.
+    const QString scratch = devicePath(QLatin1Char('.') + newName + PartialSuffix);
+    DirectoryGuard guard(scratch);
+    if (!QDir(scratch).removeRecursively() || !copyRecursively(source->path(), scratch)) {
         vmCritical("Failed to copy", source->path(), "to", destination);
         return nullptr;
     }
     // A copy of a running device's lock and log would make the clone look running.
-    QFile::remove(diskPath(destination, QStringLiteral("qemu.lock")));
-    QFile::remove(diskPath(destination, QStringLiteral("qemu.log")));
+    QFile::remove(diskPath(scratch, QStringLiteral("qemu.lock")));
+    QFile::remove(diskPath(scratch, QStringLiteral("qemu.log")));
 
-    std::unique_ptr<VMToolsMachine> clone(loadMachine(newName));
-    if (!clone) {
+    QEMUMachine clone(this, scratch);
+    if (!clone.load()) {
         vmCritical("Failed to retrieve cloned device");
         return nullptr;
     }
-    auto *qemuClone = dynamic_cast<QEMUMachine *>(clone.get());
-    if (!qemuClone || !qemuClone->regenerateUuid()) {
+    if (!clone.regenerateUuid() || !QDir().rename(scratch, destination)) {
         vmCritical("Failed to update UUID of cloned device");
         return nullptr;
     }
     guard.disarm();
-    return clone.release();
+    return loadMachine(newName);
+}
+
+bool QEMUEngine::isNameTaken(const QString &name)
+{
+    // A folder of ours that holds no loadable device is what an interrupted create left:
+    // it does not block the name. One under the default folder, when devices live
+    // elsewhere, may be an older host's device and does.
+    return isMachineLoadable(name)
+           || (QDir(deployedDirectory()) != m_devicesDirectory && isMachineDirectoryPresent(name));
 }
 
 bool QEMUEngine::copyFile(const QString &source, const QString &destination)

@@ -105,6 +105,7 @@ private slots:
         const auto before = treeHashes(m_devs);
         OsImage image = m_image;
         image.buildDate = row["noBuildDate"].toBool() ? QDateTime() : image.buildDate;
+        QVERIFY(!row["leftover"].toBool() || writeFile(dev + "/shared/config/device.json", "cut short"));
         LogCapture log;
         QCOMPARE(m_engine->createDevice(name, image, testProfile(256, 1, row["sdCard"].toInt())), row["result"].toInt());
         QCOMPARE(calls(), row["calls"].toVariant().toStringList().join('\n'));
@@ -151,8 +152,11 @@ private slots:
 
     void clone()
     {
+        // What an earlier clone cut short left in both places does not stand in the way.
+        QVERIFY(writeFile(m_devs + "/copy/leftover", "x") && writeFile(m_devs + "/.copy.partial/leftover", "x"));
         auto source = load("keep");
         std::unique_ptr<VMToolsMachine> copy(m_engine->cloneMachine(source.get(), "copy"));
+        QVERIFY(!QFileInfo::exists(m_devs + "/.copy.partial"));
         QVERIFY(copy && !QUuid(copy->uuid()).isNull() && copy->uuid() != source->uuid());
         // The same files, but for the new uuid in the description.
         const QString json = "/shared/config/device.json";

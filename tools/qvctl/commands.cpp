@@ -7,6 +7,7 @@
 
 #include <QCryptographicHash>
 #include <QDateTime>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
@@ -520,6 +521,16 @@ int Commands::stop()
 int Commands::remove()
 {
     const QString name = m_line.arguments.at(0);
+    // A folder that holds no loadable device, such as one an interrupted create left, goes
+    // too; but only one that really lies inside the devices folder.
+    const QFileInfo folder(m_engine->devicesDirectory().absoluteFilePath(name));
+    if (folder.isDir() && !folder.isSymLink() && !m_engine->isMachineLoadable(name)
+        && QFileInfo(folder.canonicalFilePath()).dir() == m_engine->devicesDirectory()) {
+        if (!QDir(folder.filePath()).removeRecursively())
+            return m_out.fail(ExitCode::Failure, QStringLiteral("could not delete %1. Check its permissions").arg(folder.filePath()));
+        m_out.message(QStringLiteral("Deleted %1, which held no loadable device").arg(folder.filePath()));
+        return ExitCode::Success;
+    }
     auto device = machine(name);
     if (!device)
         return m_exitCode;
