@@ -1,3 +1,4 @@
+#include "devicelock.h"
 #include "fixtures.h"
 #include "processutils.h"
 #include "testenv.h"
@@ -54,6 +55,9 @@ class tst_Qvctl : public QObject
             const QString assignment = arguments.takeFirst();
             environment.insert(assignment.section('=', 0, 0), assignment.section('=', 1));
         }
+        // QV_TEST_BUSY=NAME: this test holds the device's operation lock during the step.
+        DeviceLock held(m_dir.filePath("home/.Lumarik/Quorvel/deployed/") + environment.value("QV_TEST_BUSY", "-"));
+        QVERIFY(!environment.contains("QV_TEST_BUSY") || held.tryAcquire());
         process.setProcessEnvironment(environment);
         process.setProcessChannelMode(QProcess::MergedChannels);
         const QStringList homeBefore = QDir(m_dir.filePath("home")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);

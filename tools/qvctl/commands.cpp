@@ -1,5 +1,6 @@
 #include "commands.h"
 
+#include "devicelock.h"
 #include "exitcodes.h"
 #include "version.h"
 #include "vmtoolsengine.h"
@@ -329,6 +330,17 @@ bool Commands::isRunning(VMToolsMachine *machine) const
     return machine->status() == VMToolsMachine::StateRunning;
 }
 
+int Commands::failed(const QStringList &devices, const QString &message, const QString &identifier) const
+{
+    // Another process's operation on the device is the likelier cause: say so.
+    for (const QString &device : devices) {
+        if (DeviceLock::isBusy(m_engine->devicesDirectory().absoluteFilePath(device)))
+            return m_out.fail(ExitCode::DeviceBusy,
+                              QStringLiteral("device '%1' is busy with another operation; try again when it has ended").arg(device));
+    }
+    return m_out.fail(ExitCode::Failure, message, identifier);
+}
+
 int Commands::refuseRunning(const QString &name, const QString &action) const
 {
     return m_out.fail(ExitCode::Failure,
@@ -450,7 +462,7 @@ int Commands::create()
         result = m_engine->createDevice(name, m_image, m_profile);
     }
     if (result != 0)
-        return m_out.fail(ExitCode::Failure, QStringLiteral("could not create '%1'. Check that the image archive %2 exists and "
+        return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not create '%1'. Check that the image archive %2 exists and "
                                                             "holds system.vmdk and data.vmdk; run with -v for details")
                                                  .arg(name, VMToolsEngine::archivePath(m_image)));
     auto device = machine(name);
@@ -478,6 +490,8 @@ int Commands::start()
     bool quickboot = m_line.has(QStringLiteral("quickboot"));
     const bool askedQuickboot = quickboot;
     const int result = m_engine->startMachineWithSnapshotPolicy(device.get(), quickboot);
+    if (result == ExitCode::DeviceBusy)
+        return failed({device->name()}, QString::fromLatin1(startFailure(result).advice));
     if (result != 1) {
         const StartFailure failure = startFailure(result);
         return m_out.fail(failure.exitCode, QString::fromLatin1(failure.advice), QString::fromLatin1(failure.identifier));
@@ -507,7 +521,7 @@ int Commands::stop()
         return m_exitCode;
     const bool wasRunning = isRunning(device.get());
     if (wasRunning && !m_engine->stopMachine(device.get()))
-        return m_out.fail(ExitCode::Failure, QStringLiteral("could not stop '%1'. Run again with -v; if QEMU still runs, end it and "
+        return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not stop '%1'. Run again with -v; if QEMU still runs, end it and "
                                                             "remove qemu.lock in %2")
                                                  .arg(device->name(), device->path()));
     if (m_out.isJson())
@@ -537,7 +551,7 @@ int Commands::remove()
     if (isRunning(device.get()))
         return refuseRunning(name, QStringLiteral("delete"));
     if (!m_engine->deleteMachine(device.get()))
-        return m_out.fail(ExitCode::Failure, QStringLiteral("could not delete '%1'. Check the permissions of %2").arg(name, device->path()));
+        return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not delete '%1'. Check the permissions of %2").arg(name, device->path()));
     if (m_out.isJson())
         m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), name}});
     else
@@ -562,7 +576,7 @@ int Commands::clone()
         copy.reset(m_engine->cloneMachine(source.get(), newName));
     }
     if (!copy)
-        return m_out.fail(ExitCode::Failure, QStringLiteral("could not clone '%1'. Check the free disk space; run with -v for details").arg(sourceName));
+        return failed(QStringList{m_line.arguments.at(0), m_line.arguments.at(1)}, QStringLiteral("could not clone '%1'. Check the free disk space; run with -v for details").arg(sourceName));
     if (m_out.isJson()) {
         QJsonObject reply = machineJson(copy.get(), false);
         reply.insert(QStringLiteral("ok"), true);
@@ -589,7 +603,7 @@ int Commands::reset()
     if (result == 3)
         return m_out.fail(ExitCode::Failure, QStringLiteral("the reference disks of '%1' are gone and it was upgraded; create the device again").arg(name));
     if (result != 0)
-        return m_out.fail(ExitCode::Failure, QStringLiteral("could not reset '%1'; it is left as it was. Run with -v for details, "
+        return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not reset '%1'; it is left as it was. Run with -v for details, "
                                                             "or create the device again from its image")
                                                  .arg(name));
     if (m_out.isJson())
@@ -625,7 +639,7 @@ int Commands::snapshot()
                                                                 "saving a snapshot")
                                                      .arg(device->name()));
         if (!m_engine->saveSnapshot(device.get(), snapshotName))
-            return m_out.fail(ExitCode::Failure, QStringLiteral("could not save snapshot '%1'; names of letters, digits and '_' "
+            return failed(QStringList{m_line.arguments.at(1)}, QStringLiteral("could not save snapshot '%1'; names of letters, digits and '_' "
                                                                 "work best. Run with -v for details")
                                                      .arg(snapshotName),
                               QStringLiteral("savesnapshotfailed"));
@@ -633,7 +647,7 @@ int Commands::snapshot()
         if (isRunning(device.get()))
             return refuseRunning(device->name(), QStringLiteral("delete a snapshot of"));
         if (!m_engine->deleteSnapshot(device.get(), snapshotName))
-            return m_out.fail(ExitCode::Failure, QStringLiteral("could not delete snapshot '%1'. Run with -v for details").arg(snapshotName));
+            return failed(QStringList{m_line.arguments.at(1)}, QStringLiteral("could not delete snapshot '%1'. Run with -v for details").arg(snapshotName));
     }
     if (m_out.isJson())
         m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()}, {QStringLiteral("snapshot"), snapshotName}});
@@ -652,7 +666,7 @@ int Commands::resize()
     qint64 megabytes = 0;
     parseMegabytes(m_line.arguments.at(1), megabytes);
     if (!device->setSdCardSize(megabytes))
-        return m_out.fail(ExitCode::Failure, QStringLiteral("could not set the SD card size of '%1' to %2 MiB; stop the device and "
+        return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not set the SD card size of '%1' to %2 MiB; stop the device and "
                                                             "try again, shrinking may be refused by qemu-img")
                                                  .arg(device->name())
                                                  .arg(megabytes));
@@ -671,7 +685,7 @@ int Commands::sdcard()
         return m_exitCode;
     const bool insert = m_line.arguments.at(1) == QLatin1String("on");
     if (!device->setSdCardInserted(insert))
-        return m_out.fail(ExitCode::Failure, QStringLiteral("could not %1 the SD card of '%2'; give it a size first with "
+        return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not %1 the SD card of '%2'; give it a size first with "
                                                             "'qvctl resize %2 MiB'")
                                                  .arg(insert ? QStringLiteral("insert") : QStringLiteral("remove"), device->name()));
     if (m_out.isJson())

@@ -40,6 +40,8 @@ private:
     // Loads the named device; on failure writes the error and sets m_exitCode.
     std::unique_ptr<VMToolsMachine> machine(const QString &name);
     bool isRunning(VMToolsMachine *machine) const;
+    // A failed operation: exit code 5 naming the device when another operation holds one of them.
+    int failed(const QStringList &devices, const QString &message, const QString &identifier = QString()) const;
     int refuseRunning(const QString &name, const QString &action) const;
     QString loadDescriptions();
 
