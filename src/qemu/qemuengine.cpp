@@ -205,6 +205,8 @@ int QEMUEngine::startMachine(VMToolsMachine *vmMachine, const QString &snapshotN
     if (!lock.acquire())
         return QEMUMachine::StartDeviceBusy;
     if (machine->status() == VMToolsMachine::StateRunning) {
+        // Another process may have started it since this object was loaded: take its ports.
+        machine->refreshRunData();
         vmDebug("Virtual Machine status: on. Nothing to do.");
         return QEMUMachine::StartRunning;
     }

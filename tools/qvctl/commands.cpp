@@ -451,7 +451,8 @@ int Commands::info()
 int Commands::create()
 {
     const QString name = m_line.arguments.at(0);
-    if (m_engine->machineExists(name))
+    // A folder without a loadable device is a leftover that the library cleans.
+    if (m_engine->isMachineLoadable(name))
         return m_out.fail(ExitCode::Failure, QStringLiteral("device '%1' already exists; pick another name or delete it first").arg(name));
     if (m_imageDerived)
         m_out.message(QStringLiteral("Describing %1 as a user image: name %2, arch x86_64, OS 11.0.0, image %3")
@@ -568,7 +569,7 @@ int Commands::clone()
         return m_exitCode;
     if (isRunning(source.get()))
         return refuseRunning(sourceName, QStringLiteral("clone"));
-    if (m_engine->machineExists(newName))
+    if (m_engine->isMachineLoadable(newName))
         return m_out.fail(ExitCode::Failure, QStringLiteral("device '%1' already exists; pick another name").arg(newName));
     std::unique_ptr<VMToolsMachine> copy;
     {
