@@ -4,6 +4,7 @@
 #    all get distinct port offsets, all answer QMP on 23555+offset, all stop gracefully
 #    leaving no lock file and no QEMU process;
 #  - kills a running QEMU with SIGKILL: the device then reads stopped and the next start works;
+#  - runs every row of scripts/data-safety.sh (kills, full disk, races);
 #  - runs every fuzz target for five minutes (scripts/fuzz.sh 300).
 # Prints a table of figures; exits non-zero when any check fails.
 #
@@ -169,6 +170,10 @@ fi
 figure "state after SIGKILL, next start" "$recovered" yes "$(verdict "$recovered" yes)"
 
 for i in $(seq -w 1 $devices); do "$qvctl" delete "r$i" >/dev/null 2>&1; done
+
+# Kills at each step, a full disk and racing pairs, every row.
+if scripts/data-safety.sh "$dir" >"$work/data-safety.log" 2>&1; then safety=passed; else safety=failed; grep -v ' ok' "$work/data-safety.log" >&2; fi
+figure "data safety (scripts/data-safety.sh)" "$safety" passed "$(verdict "$safety" passed)"
 
 if ((fuzz_seconds > 0)); then
     t0=$(now)
