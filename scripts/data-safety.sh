@@ -89,12 +89,13 @@ for row in "${kill_rows[@]}"; do
         clone) cmd=("$qvctl" clone a b) ;;
         reset) cmd=("$qvctl" reset a) ;;
     esac
-    if [ "$at" = delay ]; then
+    # The shell's own "Killed" notice goes with the rest of the first run's output.
+    { if [ "$at" = delay ]; then
         when=$((RANDOM % 400))ms
-        (timeout -s KILL "0.$(printf %03d "${when%ms}")" "${cmd[@]}") >>"$work/qvctl.log" 2>&1
+        timeout -s KILL "0.$(printf %03d "${when%ms}")" "${cmd[@]}"
     else
-        (QV_KILL_AT=$at QV_KILL_WHEN=$when "${cmd[@]}") >>"$work/qvctl.log" 2>&1
-    fi
+        QV_KILL_AT=$at QV_KILL_WHEN=$when "${cmd[@]}"
+    fi; } >>"$work/qvctl.log" 2>&1
     "${cmd[@]}" >>"$work/qvctl.log" 2>&1
     target=a; [ "$op" = clone ] && target=b
     if whole "$target" && [ -z "$(ls -A "$TMPDIR")" ]; then report kills "$op at ${at} $when" ok

@@ -264,7 +264,7 @@ bool QEMUEngine::deleteMachine(VMToolsMachine *machine)
         return false;
     }
     DeviceLock lock(machine->path());
-    if (!lock.acquire())
+    if (!lock.acquire() || isRunningNow(machine))
         return false;
     vmDebug("deleteMachine() with path", machine->path());
     return QDir(machine->path()).removeRecursively();
@@ -355,6 +355,16 @@ int QEMUEngine::findPortOffset()
 QString QEMUEngine::devicePath(const QString &name) const
 {
     return m_devicesDirectory.absoluteFilePath(name);
+}
+
+bool QEMUEngine::isRunningNow(VMToolsMachine *machine)
+{
+    // Asked again under the device's lock: a start in another process may have come between
+    // the caller's own check and this operation.
+    if (machine->status() != VMToolsMachine::StateRunning)
+        return false;
+    vmCritical("Device", machine->name(), "is running: stop it first");
+    return true;
 }
 
 bool QEMUEngine::isDeviceNameAllowed(const QString &name)

@@ -92,6 +92,8 @@ private:
     void probeAcceleration();
     // True when a device of that name would be overwritten (qemuengine_disks.cpp).
     bool isNameTaken(const QString &name);
+    // True, with a critical line, when the machine runs; for operations that need it stopped.
+    static bool isRunningNow(VMToolsMachine *machine);
     void queryVersion();
 
     HostPlatform m_platform;

@@ -190,7 +190,7 @@ int QEMUEngine::factoryReset(VMToolsMachine *machine)
         return upgraded ? 3 : 2;
     }
     DeviceLock lock(machine->path());
-    if (!lock.acquire())
+    if (!lock.acquire() || isRunningNow(machine))
         return 2;
 
     // The old disks are moved aside, not copied: that needs neither time nor space, and
@@ -302,7 +302,7 @@ VMToolsMachine *QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &
         return nullptr;
     DeviceLock sourceLock(source->path());
     DeviceLock targetLock(devicePath(newName));
-    if (!sourceLock.acquire() || !targetLock.acquire())
+    if (!sourceLock.acquire() || !targetLock.acquire() || isRunningNow(source))
         return nullptr;
     if (isNameTaken(newName)) {
         vmCritical("Can't clone to already existing device", newName);

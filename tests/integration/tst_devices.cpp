@@ -312,6 +312,9 @@ private slots:
         // Already running: nothing new is launched.
         QCOMPARE(m_engine->startMachine(machine.get(), QString()), result);
         QCOMPARE(QSettings(machine->lockFilePath(), QSettings::IniFormat).value("pid").toLongLong(), m_pid);
+        // Whatever its caller saw before, a device that runs is neither deleted, reset nor cloned.
+        QVERIFY(!m_engine->deleteMachine(machine.get()) && m_engine->factoryReset(machine.get()) == 2);
+        QVERIFY(!std::unique_ptr<VMToolsMachine>(m_engine->cloneMachine(machine.get(), "copy3")) && QFile::exists(system));
         QVERIFY(!row["frozen"].toBool() || ::kill(pid_t(m_pid), SIGSTOP) == 0);
         QVERIFY(m_engine->stopMachine(machine.get()));
         QCOMPARE(log.lines(QtCriticalMsg).filter("gracefully").join("\n"), message);  // the client may add its own lines
