@@ -123,6 +123,10 @@ private slots:
     {
         auto keep = load("keep");
         const QString dev = m_devs + "/keep";
+        // A lost system disk is made again on the reference disk.
+        QVERIFY(QFile::remove(dev + "/system.qcow2") && keep->createSystemDisk(m_image));
+        QCOMPARE(calls(), "create -f qcow2 -b $REF/system.qcow2 -F qcow2 $DEV/keep/system.qcow2");
+        script();
         // A reset brings back every file as made, whatever happened to the two disks.
         const auto fresh = treeHashes(dev);
         QVERIFY(writeFile(dev + "/data.qcow2", "dirty") && writeFile(dev + "/system.qcow2", "dirty"));
