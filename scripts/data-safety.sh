@@ -105,8 +105,10 @@ done
 # --- full disk ---------------------------------------------------------------------------
 full_disk() {  # runs in a mount namespace of its own
     home f && mount -t tmpfs -o size=40m tmpfs "$QV_HOME" && devices=$QV_HOME/.Lumarik/Quorvel/deployed || return 1
+    # One file system for everything, as on most machines: the temporary folder fills up too.
+    export TMPDIR=$QV_HOME/tmp && mkdir -p "$TMPDIR"
     create a || { report "full disk" "setup" FAILED; return; }
-    local free ops=(create clone reset) frees=(0 64 512 2048 4096 8192 16384)
+    local free ops=(create clone reset) frees=(0 64 512 1024 2048 3072 4096 6144 8192 16384)
     ((quick)) && frees=(2048)
     for free in "${frees[@]}"; do
         for op in "${ops[@]}"; do
@@ -116,6 +118,7 @@ full_disk() {  # runs in a mount namespace of its own
             case $op in create) create b ;; clone) q clone a b ;; reset) q reset a ;; esac
             rm -f "$QV_HOME/filler"
             local verdict=ok
+            [ -z "$(ls -A "$TMPDIR")" ] || verdict=FAILED
             if [ "$op" = reset ]; then { [ "$(hashes a)" = "$before" ] || whole a; } || verdict=FAILED
             else { [ "$(hashes a)" = "$before" ] && { [ ! -e "$devices/b" ] || whole b; }; } || verdict=FAILED; fi
             report "full disk" "$op with $free KiB free" $verdict
