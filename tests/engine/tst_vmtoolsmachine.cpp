@@ -125,12 +125,15 @@ private slots:
         QCOMPARE(operations[operation].second(reloaded), reloadedValue);
     }
 
-    // Hosts that talk to the base machine get the guest's own ADB port.
-    void guestAdbPort()
+    // A device without configuration: quick boot on, the other switches off; hosts that talk
+    // to the base machine get the guest's own ADB port.
+    void defaults()
     {
         QTemporaryDir dir;
         auto machine = newMachine(dir);
         QVERIFY(machine);
+        QCOMPARE((QList<bool>{machine->isQuickbootEnabled(), machine->isFullscreen(), machine->isVirtualKeyboardEnabled(), machine->isSdCardInserted()}),
+                 (QList<bool>{true, false, false, false}));
         QCOMPARE(machine->VMToolsMachine::adbPort(), quint16(5555));
     }
 
