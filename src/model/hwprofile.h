@@ -19,7 +19,6 @@ struct HwDisplay
     qint32 contentPadding = 0;
 
     bool operator==(const HwDisplay &other) const;
-    bool operator!=(const HwDisplay &other) const { return !(*this == other); }
 };
 
 // The virtual hardware of one device. Sizes are in megabytes.
@@ -93,7 +92,6 @@ public:
     int vmHeapSizeMb() const { return int(vmHeapSize); }
 
     bool operator==(const HwProfile &other) const;
-    bool operator!=(const HwProfile &other) const { return !(*this == other); }
 };
 
 Q_DECLARE_METATYPE(HwProfile)

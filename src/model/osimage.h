@@ -29,7 +29,6 @@ struct OsImage
     bool isBeta = false;
 
     bool operator==(const OsImage &other) const;
-    bool operator!=(const OsImage &other) const { return !(*this == other); }
 };
 
 Q_DECLARE_METATYPE(OsImage)
