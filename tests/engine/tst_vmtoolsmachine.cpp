@@ -125,6 +125,17 @@ private slots:
         QCOMPARE(operations[operation].second(reloaded), reloadedValue);
     }
 
+    // The card goes in only when it has a size; 1 MiB is enough.
+    void sdCardNeedsASize()
+    {
+        for (const int size : {0, 1}) {
+            QTemporaryDir dir;
+            auto machine = newMachine(dir, testProfile(256, 1, size));
+            QVERIFY(machine && writeFile(dir.filePath("dev/sdcard.qcow2"), "card"));
+            QCOMPARE((QList<bool>{machine->setSdCardInserted(true), machine->isSdCardInserted()}), (QList<bool>{size == 1, size == 1}));
+        }
+    }
+
     // A device without configuration: quick boot on, the other switches off; hosts that talk
     // to the base machine get the guest's own ADB port.
     void defaults()
