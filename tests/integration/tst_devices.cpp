@@ -134,6 +134,11 @@ private slots:
         QCOMPARE(treeHashes(dev), fresh);
         QCOMPARE(calls(), "create -f qcow2 -b $REF/system.qcow2 -F qcow2 $DEV/keep/system.qcow2.partial");
 
+        // A failed card gives the tool's own code and leaves no file.
+        script({QJsonObject{{"match", QJsonArray{"create", "sdcard"}}, {"exit", 3}, {"create_file_arg", -2}}});
+        QVERIFY(QDir().mkpath(m_home.filePath("card")));
+        QCOMPARE(m_engine->createSdCardDisk(m_home.filePath("card"), 8), 3);
+        QVERIFY(!QFile::exists(m_home.filePath("card/sdcard.qcow2")));
         script();
         QVERIFY(keep->setSdCardSize(64));
         QCOMPARE(calls(), "resize $DEV/keep/sdcard.qcow2 64M");
@@ -255,12 +260,15 @@ private slots:
         auto keep = load("keep");
         const auto before = treeHashes(m_home.path());
         LogCapture log;
+        QEMUMachine outside(m_engine.get(), name);
         const bool done = op == "create" ? m_engine->createDevice(name, m_image, testProfile()) == 0
                         : op == "clone"  ? std::unique_ptr<VMToolsMachine>(m_engine->cloneMachine(keep.get(), name)) != nullptr
                         : op == "rename" ? m_engine->applyMachineChange(keep.get(), name, keep->uuid())
+                        : op == "delete" ? m_engine->deleteMachine(&outside)
                                          : std::unique_ptr<VMToolsMachine>(m_engine->loadMachine(name)) != nullptr;
         QVERIFY(!done);
-        QVERIFY2(log.contains(QtCriticalMsg, "[VMTools] Invalid device name: " + name), qPrintable(log.dump()));
+        const QString message = row["message"].toString("Invalid device name: %1").arg(name).replace("$DEVS", m_devs);
+        QVERIFY2(log.contains(QtCriticalMsg, "[VMTools] " + message), qPrintable(log.dump()));
         QCOMPARE(treeHashes(m_home.path()), before);
     }
 
