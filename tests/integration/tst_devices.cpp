@@ -134,10 +134,13 @@ private slots:
         QCOMPARE(treeHashes(dev), fresh);
         QCOMPARE(calls(), "create -f qcow2 -b $REF/system.qcow2 -F qcow2 $DEV/keep/system.qcow2.partial");
 
-        // A failed card gives the tool's own code and leaves no file.
-        script({QJsonObject{{"match", QJsonArray{"create", "sdcard"}}, {"exit", 3}, {"create_file_arg", -2}}});
+        // A failed card gives the tool's own code, or 1 when the tool said 0 but made nothing,
+        // and leaves no file.
+        script({QJsonObject{{"match", QJsonArray{"create", "sdcard"}}, {"exit", 3}, {"create_file_arg", -2}, {"times", 1}},
+                QJsonObject{{"match", QJsonArray{"create", "sdcard"}}, {"exit", 0}}});
         QVERIFY(QDir().mkpath(m_home.filePath("card")));
-        QCOMPARE(m_engine->createSdCardDisk(m_home.filePath("card"), 8), 3);
+        QCOMPARE((QList<int>{m_engine->createSdCardDisk(m_home.filePath("card"), 8), m_engine->createSdCardDisk(m_home.filePath("card"), 8)}),
+                 (QList<int>{3, 1}));
         QVERIFY(!QFile::exists(m_home.filePath("card/sdcard.qcow2")));
         script();
         QVERIFY(keep->setSdCardSize(64));
