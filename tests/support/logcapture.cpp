@@ -1,13 +1,20 @@
 #include "logcapture.h"
 
 #include <QMutexLocker>
-#include <QStringList>
 
 #include <atomic>
 
 namespace {
+
 std::atomic<LogCapture *> g_current{nullptr};
+
+QString prefix(QtMsgType type)
+{
+    static const char *const levels[] = {"debug: ", "warning: ", "critical: ", "fatal: ", "info: "};
+    return QString::fromLatin1(levels[type]);
 }
+
+} // namespace
 
 LogCapture::LogCapture()
 {
@@ -28,40 +35,30 @@ void LogCapture::handler(QtMsgType type, const QMessageLogContext &context, cons
         return;
     {
         QMutexLocker lock(&self->m_mutex);
-        self->m_entries.append({type, message});
+        self->m_lines << prefix(type) + message;
     }
-    // Let QTest::ignoreMessage and fatal handling see the message too.
+    // Let fatal handling see the message too.
     if (type == QtFatalMsg && self->m_previous)
         self->m_previous(type, context, message);
 }
 
-QStringList LogCapture::lines(QtMsgType type) const
-{
-    QMutexLocker lock(&m_mutex);
-    QStringList result;
-    for (const Entry &e : m_entries)
-        if (e.type == type)
-            result << e.text;
-    return result;
-}
-
 QStringList LogCapture::all() const
 {
-    static const char *const levels[] = {"debug", "warning", "critical", "fatal", "info"};
     QMutexLocker lock(&m_mutex);
-    QStringList result;
-    for (const Entry &e : m_entries)
-        result << QString::fromLatin1(levels[e.type]) + QStringLiteral(": ") + e.text;
-    return result;
+    return m_lines;
 }
 
-bool LogCapture::contains(QtMsgType type, const QString &text) const
+QStringList LogCapture::lines(QtMsgType type) const
 {
-    return lines(type).contains(text);
+    QStringList texts;
+    for (const QString &line : all())
+        if (line.startsWith(prefix(type)))
+            texts << line.mid(prefix(type).size());
+    return texts;
 }
 
 void LogCapture::clear()
 {
     QMutexLocker lock(&m_mutex);
-    m_entries.clear();
+    m_lines.clear();
 }
