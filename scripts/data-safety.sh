@@ -5,8 +5,9 @@
 #            equal to the image (a clone: to its source), with nothing left in TMPDIR.
 #  full disk QV_HOME on a small tmpfs, filled to a given free space before create, clone and
 #            reset: the other device's files keep their hashes; the target is whole or absent.
-#  races     two qvctl processes on one device at once: one wins, the other is told the device
-#            is running or busy, and no QEMU ever runs for a device that reads stopped.
+#  races     two qvctl processes on one device at once: one wins, the other wins in turn or is
+#            told the device runs, is busy or is gone, and no QEMU ever runs for a device that
+#            reads stopped.
 # Every row prints one line; the exit status is 1 when any row failed.
 #
 # Usage: scripts/data-safety.sh [--quick] BUILD_DIR
@@ -55,7 +56,7 @@ unset QV_TRIGGER_ERROR QV_QEMU_START_ARGS
 mkdir -p "$TMPDIR"
 
 home() { export QV_HOME=$work/home$1; mkdir -p "$QV_HOME"; devices=$QV_HOME/.Lumarik/Quorvel/deployed; }
-q() { "$qvctl" "$@" >>"$work/qvctl.log" 2>&1; }
+q() { "$qvctl" ${verbose:-} "$@" >>"${qlog:-$work/qvctl.log}" 2>&1; }
 create() { q create "$1" --image "${image:-$work/image.ova}" --profile "$profile" --sdcard 8; }
 op() { if [ "$1" = create ]; then create "$2"; else q "$@"; fi; }
 same() { "$img" compare -q "$1" "$2" 2>/dev/null; }
@@ -135,18 +136,34 @@ else
 fi
 
 # --- races -------------------------------------------------------------------------------
-race_rows=("start a|start a" "start a|delete a" "create b|create c" "clone a d|delete a" "reset a|start a")
+# A row: the two commands, and whether one of them must lose (otherwise both may win in turn).
+race_rows=("start a|start a|loser" "start a|delete a|loser" "create b|create c|" "clone a d|delete a|" "reset a|start a|")
+# What a loser may say (its log shown with -v): the device runs, is busy, or is gone already.
+lost='Nothing to do|already running|busy with another operation|is running[:;] stop it first|no device named|no longer exists'
+# One side of a race: its exit status and output go to race-N.out.
+side() { local qlog=$work/race-$1.out verbose=-v; shift; : >"$qlog"; op "$@"; echo "exit $?" >>"$qlog"; }
 rounds=20
 ((quick)) && rounds=1
 for row in "${race_rows[@]}"; do
     bad=0
-    IFS='|' read -r first second <<<"$row"
+    IFS='|' read -r first second loser <<<"$row"
     for r in $(seq 1 $rounds); do
         n=$((n + 1)); home "r$n"
         # Two first creates need an image nobody prepared yet: a copy is an image of its own.
         image=
         if [ "$first" = "create b" ]; then image=$work/image$n.ova && cp "$work/image.ova" "$image"; else create a || { bad=$((bad + 1)); echo "  round $r: set-up failed" >&2; continue; }; fi
-        (op $first) & (op $second) & wait
+        (side 1 $first) & (side 2 $second) & wait
+        cat "$work"/race-[12].out >>"$work/qvctl.log"
+        # Each side wins (exit 0) or says why it lost; one side always wins.
+        won=0 told=0
+        for k in 1 2; do
+            grep -q '^exit 0$' "$work/race-$k.out" && won=$((won + 1))
+            grep -Eq "$lost" "$work/race-$k.out" && told=$((told + 1))
+            grep -q '^exit 0$' "$work/race-$k.out" || grep -Eq "$lost" "$work/race-$k.out" \
+                || { bad=$((bad + 1)); echo "  round $r: side $k failed without saying why: $(tail -n 3 "$work/race-$k.out" | tr '\n' ' ')" >&2; }
+        done
+        ((won >= 1)) || { bad=$((bad + 1)); echo "  round $r: neither side won" >&2; }
+        [ -z "$loser" ] || ((told >= 1)) || { bad=$((bad + 1)); echo "  round $r: no side was told it lost" >&2; }
         for dev in a b c d; do
             s=$(state $dev) running=$(qemus $dev)
             { [ "$s" = running ] && [ "$running" = 1 ]; } || { [ "$s" != running ] && [ "$running" = 0 ]; } \
@@ -158,7 +175,7 @@ for row in "${race_rows[@]}"; do
             [ "$s" != running ] || q stop $dev
         done
     done
-    if ((bad == 0)); then report races "$row x$rounds" ok; else report races "$row x$rounds" FAILED "($bad broken)"; fi
+    if ((bad == 0)); then report races "$first & $second x$rounds" ok; else report races "$first & $second x$rounds" FAILED "($bad broken)"; fi
 done
 
 echo "data-safety: $failures failed row(s)"
