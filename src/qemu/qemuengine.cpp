@@ -204,6 +204,11 @@ int QEMUEngine::startMachine(VMToolsMachine *vmMachine, const QString &snapshotN
     DeviceLock lock(machine->path());
     if (!lock.acquire())
         return QEMUMachine::StartDeviceBusy;
+    // A delete in another process may have come first, while this one waited for the lock.
+    if (!QFileInfo(machine->path()).isDir()) {
+        vmCritical("Device", machine->name(), "no longer exists");
+        return QEMUMachine::StartFailed;
+    }
     if (machine->status() == VMToolsMachine::StateRunning) {
         // Another process may have started it since this object was loaded: take its ports.
         machine->refreshRunData();
