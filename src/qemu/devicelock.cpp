@@ -18,13 +18,25 @@ QString lockPath(const QString &devicePath)
 } // namespace
 
 DeviceLock::DeviceLock(const QString &devicePath)
-    : m_name(QFileInfo(devicePath).fileName()), m_lock(lockPath(devicePath))
+    : m_path(devicePath), m_name(QFileInfo(devicePath).fileName()), m_lock(lockPath(devicePath))
 {
     // Only a dead holder frees it: a reset or a clone may take minutes.
     m_lock.setStaleLockTime(0);
 }
 
 bool DeviceLock::acquire()
+{
+    if (!acquireForNew())
+        return false;
+    // A delete in another process may have come first, while this one waited.
+    if (QFileInfo(m_path).isDir())
+        return true;
+    vmCritical("Device", m_name, "no longer exists");
+    m_lock.unlock();
+    return false;
+}
+
+bool DeviceLock::acquireForNew()
 {
     if (m_lock.tryLock(WaitMs))
         return true;

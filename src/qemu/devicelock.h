@@ -13,14 +13,17 @@ public:
     explicit DeviceLock(const QString &devicePath);
 
     // Waits a few seconds for another operation to end; false, with a critical line that
-    // names the device, when it does not.
+    // names the device, when it does not, or when the device was deleted meanwhile.
     bool acquire();
+    // The same for a device about to be made: its folder need not exist.
+    bool acquireForNew();
     // Takes the lock only if it is free at once; silent.
     bool tryAcquire() { return m_lock.tryLock(0); }
     // True while another thread or process holds the device's lock.
     static bool isBusy(const QString &devicePath);
 
 private:
+    QString m_path;
     QString m_name;
     QLockFile m_lock;
 };

@@ -202,7 +202,7 @@ int QEMUEngine::startMachine(VMToolsMachine *vmMachine, const QString &snapshotN
     }
 
     DeviceLock lock(machine->path());
-    if (!lock.acquire())
+    if (!lock.acquireForNew())
         return QEMUMachine::StartDeviceBusy;
     // A delete in another process may have come first, while this one waited for the lock.
     if (!QFileInfo(machine->path()).isDir()) {

@@ -139,7 +139,7 @@ int QEMUEngine::createDevice(const QString &name, const OsImage &image, const Hw
         return 1;
     }
     DeviceLock lock(devicePath(name));
-    if (!lock.acquire())
+    if (!lock.acquireForNew())
         return 1;
     if (isNameTaken(name)) {
         vmCritical("Can't create already existing device", name);
@@ -302,7 +302,7 @@ VMToolsMachine *QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &
         return nullptr;
     DeviceLock sourceLock(source->path());
     DeviceLock targetLock(devicePath(newName));
-    if (!sourceLock.acquire() || !targetLock.acquire() || isRunningNow(source))
+    if (!sourceLock.acquire() || !targetLock.acquireForNew() || isRunningNow(source))
         return nullptr;
     if (isNameTaken(newName)) {
         vmCritical("Can't clone to already existing device", newName);
