@@ -1,7 +1,10 @@
 #include "commands.h"
 
 #include "devicelock.h"
+#include "enginehost.h"
 #include "exitcodes.h"
+#include "hostmemory.h"
+#include "logging.h"
 #include "version.h"
 #include "vmtoolsengine.h"
 #include "vmtoolsmachine.h"
@@ -13,7 +16,10 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QElapsedTimer>
 #include <QJsonParseError>
+#include <QRegularExpression>
+#include <QThread>
 #include <QUrl>
 #include <QUuid>
 #include <QtEndian>
@@ -206,6 +212,11 @@ QString Commands::checkUsage()
                 return QStringLiteral("'snapshot %1' needs a device name and a snapshot name").arg(action);
             if (args.at(2).isEmpty())
                 return QStringLiteral("the snapshot name is empty");
+            // The snapshot listing only sees names of this form: any other would be saved
+            // but never listed, and could not be deleted.
+            static const QRegularExpression listable(QRegularExpression::anchoredPattern(QStringLiteral("\\w+")));
+            if (!listable.match(args.at(2)).hasMatch())
+                return QStringLiteral("'%1' is not a snapshot name (letters, digits and '_' only)").arg(args.at(2));
         } else {
             return QStringLiteral("unknown snapshot action '%1' (list, save or delete)").arg(action);
         }
@@ -247,6 +258,9 @@ QString Commands::loadDescriptions()
     m_profile = parseHwProfile(profileDocument.object());
     if (!m_profile.isValid())
         return QStringLiteral("%1 is not a valid hardware profile; run with -v to see why").arg(profilePath);
+    const QString unusable = unusableProfileValue();
+    if (!unusable.isEmpty())
+        return QStringLiteral("%1: %2").arg(profilePath, unusable);
 
     const QFileInfo imageFile(imagePath);
     if (imageFile.suffix().compare(QLatin1String("ova"), Qt::CaseInsensitive) == 0) {
@@ -289,6 +303,23 @@ QString Commands::loadDescriptions()
     qint64 sdCard = 0;
     if (parseMegabytes(m_line.value(QStringLiteral("sdcard")), sdCard))
         m_profile.sdCardSize = sdCard;
+    return {};
+}
+
+QString Commands::unusableProfileValue() const
+{
+    // QEMU would refuse these only at the first start, long after the device was made.
+    const qint64 memory = hostMemoryMegabytes();
+    if (m_profile.ramSize <= 0)
+        return QStringLiteral("ram_size %1 is not a memory size; give it in MiB").arg(m_profile.ramSize);
+    if (memory > 0 && m_profile.ramSize > memory)
+        return QStringLiteral("ram_size %1 MiB is more than this host's %2 MiB of memory")
+            .arg(m_profile.ramSize).arg(memory);
+    const int processors = QThread::idealThreadCount();
+    if (m_profile.cpuCount <= 0)
+        return QStringLiteral("cpu_count %1 is not a processor count").arg(m_profile.cpuCount);
+    if (processors > 0 && m_profile.cpuCount > processors)
+        return QStringLiteral("cpu_count %1 is more than this host's %2 processors").arg(m_profile.cpuCount).arg(processors);
     return {};
 }
 
