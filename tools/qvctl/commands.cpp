@@ -489,14 +489,16 @@ int Commands::create()
         m_out.message(QStringLiteral("Describing %1 as a user image: name %2, arch x86_64, OS 11.0.0, image %3")
                           .arg(m_image.imageUri, m_image.name, m_image.imageVersion.toString()));
     int result = 0;
+    LogRecorder log;
     {
         Spinner spinner(QStringLiteral("Creating %1").arg(name));
         result = m_engine->createDevice(name, m_image, m_profile);
     }
-    if (result != 0)
-        return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not create '%1'. Check that the image archive %2 exists and "
-                                                            "holds system.vmdk and data.vmdk; run with -v for details")
-                                                 .arg(name, VMToolsEngine::archivePath(m_image)));
+    if (result != 0) {
+        const QString cause = log.firstCritical();
+        return failed({name}, cause.isEmpty() ? QStringLiteral("could not create '%1'; run with -v for details").arg(name)
+                                              : QStringLiteral("could not create '%1': %2").arg(name, cause));
+    }
     auto device = machine(name);
     if (!device)
         return m_exitCode;
@@ -521,7 +523,16 @@ int Commands::start()
         return m_exitCode;
     bool quickboot = m_line.has(QStringLiteral("quickboot"));
     const bool askedQuickboot = quickboot;
+    const bool runningBefore = isRunning(device.get());
+    LogRecorder log;
     const int result = m_engine->startMachineWithSnapshotPolicy(device.get(), quickboot);
+    // The engine answers 1 whether it started QEMU or found it running, and only its log
+    // tells which; another process may have started the device while this one waited.
+    const bool alreadyRunning = result == 1
+        && (log.contains(QtWarningMsg, QStringLiteral("[VMTools] QEMU process is already running."))
+            || (lcVMTools().isDebugEnabled()
+                    ? log.contains(QtDebugMsg, QStringLiteral("[VMTools] Virtual Machine status: on. Nothing to do."))
+                    : runningBefore));
     if (result == ExitCode::DeviceBusy)
         return failed({device->name()}, QString::fromLatin1(startFailure(result).advice));
     if (result != 1) {
@@ -533,13 +544,14 @@ int Commands::start()
     if (m_out.isJson()) {
         m_out.json({{QStringLiteral("ok"), true},
                     {QStringLiteral("name"), device->name()},
+                    {QStringLiteral("alreadyRunning"), alreadyRunning},
                     {QStringLiteral("quickboot"), quickboot},
                     {QStringLiteral("ports"), ports}});
         return ExitCode::Success;
     }
-    if (askedQuickboot && !quickboot)
+    if (askedQuickboot && !quickboot && !alreadyRunning)
         m_out.message(QStringLiteral("Quick boot is not available with QEMU: cold boot"));
-    m_out.fields({{QStringLiteral("Started"), device->name()},
+    m_out.fields({{alreadyRunning ? QStringLiteral("Already running") : QStringLiteral("Started"), device->name()},
                   {QStringLiteral("ADB serial"), ports.value(QStringLiteral("adbSerial")).toString()},
                   {QStringLiteral("QMP port"), QString::number(ports.value(QStringLiteral("qmpPort")).toInt())},
                   {QStringLiteral("Forwarded ports"), portsText(ports)}});
