@@ -30,6 +30,8 @@ namespace {
 
 constexpr int QmpBasePort = 23555;
 constexpr int AdbBasePort = 6555;
+// The library waits only briefly for QEMU to end after quit; a large guest takes longer.
+constexpr int StopWaitMs = 10000;
 
 struct Arity
 {
@@ -568,6 +570,16 @@ int Commands::stop()
         return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not stop '%1'. Run again with -v; if QEMU still runs, end it and "
                                                             "remove qemu.lock in %2")
                                                  .arg(device->name(), device->path()));
+    // The engine counts an accepted quit as a stop, whether or not QEMU has ended yet.
+    QElapsedTimer waited;
+    waited.start();
+    while (wasRunning && isRunning(device.get()) && waited.elapsed() < StopWaitMs)
+        QThread::msleep(100);
+    if (wasRunning && isRunning(device.get()))
+        return m_out.fail(ExitCode::Failure, QStringLiteral("QEMU of '%1' accepted quit but still runs after %2 s. Run 'qvctl stop %1' "
+                                                            "again to end it by force")
+                                                 .arg(device->name())
+                                                 .arg(StopWaitMs / 1000));
     if (m_out.isJson())
         m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()}, {QStringLiteral("wasRunning"), wasRunning}});
     else
@@ -749,8 +761,11 @@ int Commands::set()
     if (key.isEmpty())
         return m_out.fail(ExitCode::BadUsage, QStringLiteral("the key is empty"));
     const QVariant value = typedValue(m_line.arguments.at(2));
+    // device.json lies in the folder that a running QEMU holds as a drive.
+    if (isRunning(device.get()))
+        return refuseRunning(device->name(), QStringLiteral("change"));
     if (!device->setConfigurationValue(key, value))
-        return m_out.fail(ExitCode::Failure, QStringLiteral("could not save '%1' of '%2'; check that %3 is writable")
+        return isRunning(device.get()) ? refuseRunning(device->name(), QStringLiteral("change")) : m_out.fail(ExitCode::Failure, QStringLiteral("could not save '%1' of '%2'; check that %3 is writable")
                                                  .arg(key, device->name(), device->deviceJsonPath()));
     if (m_out.isJson())
         m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()}, {QStringLiteral("key"), key},
