@@ -94,7 +94,7 @@ private slots:
         QV_REQUIRE_PROGRAM(img, "qemu-img");
         QString ova;
         QVERIFY(m_dir.isValid() && QDir().mkpath(m_dir.filePath("home")) && makeOva(img, m_dir.path(), &ova));
-        for (const QString &name : QStringList{"profile.json", "image.json"})
+        for (const QString &name : QDir(QV_TEST_DATA_DIR "/tools").entryList({"*.json"}))
             QVERIFY(QFile::copy(QV_TEST_DATA_DIR "/tools/" + name, m_dir.filePath(name)));
         QVERIFY(writeFile(m_dir.filePath("broken.json"), "{ \"uuid\": ") && writeFile(m_dir.filePath("array.json"), "[1, 2]"));
     }

@@ -1,7 +1,10 @@
 #include "commands.h"
 
 #include "devicelock.h"
+#include "enginehost.h"
 #include "exitcodes.h"
+#include "hostmemory.h"
+#include "logging.h"
 #include "version.h"
 #include "vmtoolsengine.h"
 #include "vmtoolsmachine.h"
@@ -13,7 +16,10 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QElapsedTimer>
 #include <QJsonParseError>
+#include <QRegularExpression>
+#include <QThread>
 #include <QUrl>
 #include <QUuid>
 #include <QtEndian>
@@ -24,6 +30,8 @@ namespace {
 
 constexpr int QmpBasePort = 23555;
 constexpr int AdbBasePort = 6555;
+// The library waits only briefly for QEMU to end after quit; a large guest takes longer.
+constexpr int StopWaitMs = 10000;
 
 struct Arity
 {
@@ -206,6 +214,11 @@ QString Commands::checkUsage()
                 return QStringLiteral("'snapshot %1' needs a device name and a snapshot name").arg(action);
             if (args.at(2).isEmpty())
                 return QStringLiteral("the snapshot name is empty");
+            // The snapshot listing only sees names of this form: any other would be saved
+            // but never listed, and could not be deleted.
+            static const QRegularExpression listable(QRegularExpression::anchoredPattern(QStringLiteral("\\w+")));
+            if (!listable.match(args.at(2)).hasMatch())
+                return QStringLiteral("'%1' is not a snapshot name (letters, digits and '_' only)").arg(args.at(2));
         } else {
             return QStringLiteral("unknown snapshot action '%1' (list, save or delete)").arg(action);
         }
@@ -247,6 +260,9 @@ QString Commands::loadDescriptions()
     m_profile = parseHwProfile(profileDocument.object());
     if (!m_profile.isValid())
         return QStringLiteral("%1 is not a valid hardware profile; run with -v to see why").arg(profilePath);
+    const QString unusable = unusableProfileValue();
+    if (!unusable.isEmpty())
+        return QStringLiteral("%1: %2").arg(profilePath, unusable);
 
     const QFileInfo imageFile(imagePath);
     if (imageFile.suffix().compare(QLatin1String("ova"), Qt::CaseInsensitive) == 0) {
@@ -289,6 +305,23 @@ QString Commands::loadDescriptions()
     qint64 sdCard = 0;
     if (parseMegabytes(m_line.value(QStringLiteral("sdcard")), sdCard))
         m_profile.sdCardSize = sdCard;
+    return {};
+}
+
+QString Commands::unusableProfileValue() const
+{
+    // QEMU would refuse these only at the first start, long after the device was made.
+    const qint64 memory = hostMemoryMegabytes();
+    if (m_profile.ramSize <= 0)
+        return QStringLiteral("ram_size %1 is not a memory size; give it in MiB").arg(m_profile.ramSize);
+    if (memory > 0 && m_profile.ramSize > memory)
+        return QStringLiteral("ram_size %1 MiB is more than this host's %2 MiB of memory")
+            .arg(m_profile.ramSize).arg(memory);
+    const int processors = QThread::idealThreadCount();
+    if (m_profile.cpuCount <= 0)
+        return QStringLiteral("cpu_count %1 is not a processor count").arg(m_profile.cpuCount);
+    if (processors > 0 && m_profile.cpuCount > processors)
+        return QStringLiteral("cpu_count %1 is more than this host's %2 processors").arg(m_profile.cpuCount).arg(processors);
     return {};
 }
 
@@ -458,14 +491,16 @@ int Commands::create()
         m_out.message(QStringLiteral("Describing %1 as a user image: name %2, arch x86_64, OS 11.0.0, image %3")
                           .arg(m_image.imageUri, m_image.name, m_image.imageVersion.toString()));
     int result = 0;
+    LogRecorder log;
     {
         Spinner spinner(QStringLiteral("Creating %1").arg(name));
         result = m_engine->createDevice(name, m_image, m_profile);
     }
-    if (result != 0)
-        return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not create '%1'. Check that the image archive %2 exists and "
-                                                            "holds system.vmdk and data.vmdk; run with -v for details")
-                                                 .arg(name, VMToolsEngine::archivePath(m_image)));
+    if (result != 0) {
+        const QString cause = log.firstCritical();
+        return failed({name}, cause.isEmpty() ? QStringLiteral("could not create '%1'; run with -v for details").arg(name)
+                                              : QStringLiteral("could not create '%1': %2").arg(name, cause));
+    }
     auto device = machine(name);
     if (!device)
         return m_exitCode;
@@ -490,7 +525,16 @@ int Commands::start()
         return m_exitCode;
     bool quickboot = m_line.has(QStringLiteral("quickboot"));
     const bool askedQuickboot = quickboot;
+    const bool runningBefore = isRunning(device.get());
+    LogRecorder log;
     const int result = m_engine->startMachineWithSnapshotPolicy(device.get(), quickboot);
+    // The engine answers 1 whether it started QEMU or found it running, and only its log
+    // tells which; another process may have started the device while this one waited.
+    const bool alreadyRunning = result == 1
+        && (log.contains(QtWarningMsg, QStringLiteral("[VMTools] QEMU process is already running."))
+            || (lcVMTools().isDebugEnabled()
+                    ? log.contains(QtDebugMsg, QStringLiteral("[VMTools] Virtual Machine status: on. Nothing to do."))
+                    : runningBefore));
     if (result == ExitCode::DeviceBusy)
         return failed({device->name()}, QString::fromLatin1(startFailure(result).advice));
     if (result != 1) {
@@ -502,13 +546,14 @@ int Commands::start()
     if (m_out.isJson()) {
         m_out.json({{QStringLiteral("ok"), true},
                     {QStringLiteral("name"), device->name()},
+                    {QStringLiteral("alreadyRunning"), alreadyRunning},
                     {QStringLiteral("quickboot"), quickboot},
                     {QStringLiteral("ports"), ports}});
         return ExitCode::Success;
     }
-    if (askedQuickboot && !quickboot)
+    if (askedQuickboot && !quickboot && !alreadyRunning)
         m_out.message(QStringLiteral("Quick boot is not available with QEMU: cold boot"));
-    m_out.fields({{QStringLiteral("Started"), device->name()},
+    m_out.fields({{alreadyRunning ? QStringLiteral("Already running") : QStringLiteral("Started"), device->name()},
                   {QStringLiteral("ADB serial"), ports.value(QStringLiteral("adbSerial")).toString()},
                   {QStringLiteral("QMP port"), QString::number(ports.value(QStringLiteral("qmpPort")).toInt())},
                   {QStringLiteral("Forwarded ports"), portsText(ports)}});
@@ -525,6 +570,16 @@ int Commands::stop()
         return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not stop '%1'. Run again with -v; if QEMU still runs, end it and "
                                                             "remove qemu.lock in %2")
                                                  .arg(device->name(), device->path()));
+    // The engine counts an accepted quit as a stop, whether or not QEMU has ended yet.
+    QElapsedTimer waited;
+    waited.start();
+    while (wasRunning && isRunning(device.get()) && waited.elapsed() < StopWaitMs)
+        QThread::msleep(100);
+    if (wasRunning && isRunning(device.get()))
+        return m_out.fail(ExitCode::Failure, QStringLiteral("QEMU of '%1' accepted quit but still runs after %2 s. Run 'qvctl stop %1' "
+                                                            "again to end it by force")
+                                                 .arg(device->name())
+                                                 .arg(StopWaitMs / 1000));
     if (m_out.isJson())
         m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()}, {QStringLiteral("wasRunning"), wasRunning}});
     else
@@ -706,8 +761,11 @@ int Commands::set()
     if (key.isEmpty())
         return m_out.fail(ExitCode::BadUsage, QStringLiteral("the key is empty"));
     const QVariant value = typedValue(m_line.arguments.at(2));
+    // device.json lies in the folder that a running QEMU holds as a drive.
+    if (isRunning(device.get()))
+        return refuseRunning(device->name(), QStringLiteral("change"));
     if (!device->setConfigurationValue(key, value))
-        return m_out.fail(ExitCode::Failure, QStringLiteral("could not save '%1' of '%2'; check that %3 is writable")
+        return isRunning(device.get()) ? refuseRunning(device->name(), QStringLiteral("change")) : m_out.fail(ExitCode::Failure, QStringLiteral("could not save '%1' of '%2'; check that %3 is writable")
                                                  .arg(key, device->name(), device->deviceJsonPath()));
     if (m_out.isJson())
         m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()}, {QStringLiteral("key"), key},

@@ -44,6 +44,8 @@ private:
     int failed(const QStringList &devices, const QString &message, const QString &identifier = QString()) const;
     int refuseRunning(const QString &name, const QString &action) const;
     QString loadDescriptions();
+    // Empty when the profile's memory and processors can run on this host; otherwise why not.
+    QString unusableProfileValue() const;
 
     const CommandLine &m_line;
     const Output &m_out;

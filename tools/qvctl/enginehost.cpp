@@ -13,9 +13,12 @@
 namespace {
 
 bool s_verbose = false;
+LogRecorder *s_recorder = nullptr;
 
 void messageHandler(QtMsgType type, const QMessageLogContext &, const QString &message)
 {
+    if (s_recorder)
+        s_recorder->record(type, message);
     if (!s_verbose && (type == QtDebugMsg || type == QtInfoMsg))
         return;
     std::fprintf(stderr, "%s\n", qPrintable(message));
@@ -94,4 +97,29 @@ void EngineHost::installMessageHandler(bool verbose)
 {
     s_verbose = verbose;
     qInstallMessageHandler(messageHandler);
+}
+
+LogRecorder::LogRecorder()
+{
+    s_recorder = this;
+}
+
+LogRecorder::~LogRecorder()
+{
+    s_recorder = nullptr;
+}
+
+bool LogRecorder::contains(QtMsgType type, const QString &line) const
+{
+    return m_lines.contains({type, line});
+}
+
+QString LogRecorder::firstCritical() const
+{
+    static const QString tag = QStringLiteral("[VMTools] ");
+    for (const auto &line : m_lines) {
+        if (line.first == QtCriticalMsg || line.first == QtFatalMsg)
+            return line.second.startsWith(tag) ? line.second.mid(tag.size()) : line.second;
+    }
+    return {};
 }

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <QLibrary>
+#include <QList>
+#include <QPair>
 #include <QString>
 
 #include <memory>
@@ -32,4 +34,24 @@ private:
     QLibrary m_library;
     std::unique_ptr<VMToolsEngine> m_engine;
     QString m_error;
+};
+
+// Keeps the library's log lines for as long as it lives, so that a command can tell what a
+// call did and name the step that failed. The lines are shown as before. One at a time.
+class LogRecorder
+{
+public:
+    LogRecorder();
+    ~LogRecorder();
+    LogRecorder(const LogRecorder &) = delete;
+    LogRecorder &operator=(const LogRecorder &) = delete;
+
+    bool contains(QtMsgType type, const QString &line) const;
+    // The first critical line names the failing step; the later ones only the steps around it.
+    QString firstCritical() const;
+
+    void record(QtMsgType type, const QString &line) { m_lines.append({type, line}); }
+
+private:
+    QList<QPair<QtMsgType, QString>> m_lines;
 };
