@@ -2,21 +2,30 @@
 
 #include "logging.h"
 
+#include <QDeadlineTimer>
 #include <QEventLoop>
 #include <QHostAddress>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonValue>
+#include <QLocalSocket>
 #include <QTcpSocket>
 #include <QTimer>
 
 namespace {
 
-constexpr int ConnectTimeoutMs = 2000;
-constexpr int GreetingTimeoutMs = 2000;
-constexpr int CommandTimeoutMs = 1000;
-constexpr int SaveVmTimeoutMs = 10000;
+double timeScale = 1.0;
+
+int scaled(int ms)
+{
+    return qMax(1, qRound(ms * timeScale));
+}
+
+bool isEvent(const QJsonObject &reply)
+{
+    return reply.contains(QLatin1String("timestamp"));
+}
 
 QVariantMap humanMonitorCommand(const QString &commandLine)
 {
@@ -41,12 +50,34 @@ QString jsonText(const QJsonValue &value)
 } // namespace
 
 QEMUClient::QEMUClient(quint16 port, QObject *parent)
-    : QObject(parent), m_port(port), m_socket(new QTcpSocket)
+    : QEMUClient(QmpEndpoint{port, QString()}, parent)
 {
-    // Informational only: every call notices a broken connection on its own.
-    connect(m_socket, &QAbstractSocket::errorOccurred, this, [this] {
-        vmWarning("QEMUClient: unexpected error", m_socket->errorString());
-    });
+}
+
+QEMUClient::QEMUClient(const QmpEndpoint &endpoint, QObject *parent)
+    : QObject(parent), m_endpoint(endpoint)
+{
+    // Informational only: every call notices a broken connection on its own. QEMU exiting
+    // on quit closes the connection, which is how a stop normally ends.
+    const auto report = [this](bool peerClosed) {
+        if (peerClosed && m_quitSent)
+            vmDebug("QEMUClient: QEMU closed the connection after quit");
+        else
+            vmWarning("QEMUClient: unexpected error", m_socket->errorString());
+    };
+    if (endpoint.isLocalSocket()) {
+        auto *socket = new QLocalSocket;
+        connect(socket, &QLocalSocket::errorOccurred, this, [report](QLocalSocket::LocalSocketError error) {
+            report(error == QLocalSocket::PeerClosedError);
+        });
+        m_socket = socket;
+    } else {
+        auto *socket = new QTcpSocket;
+        connect(socket, &QAbstractSocket::errorOccurred, this, [report](QAbstractSocket::SocketError error) {
+            report(error == QAbstractSocket::RemoteHostClosedError);
+        });
+        m_socket = socket;
+    }
 }
 
 QEMUClient::~QEMUClient()
@@ -54,13 +85,44 @@ QEMUClient::~QEMUClient()
     delete m_socket;
 }
 
+void QEMUClient::setTimeScale(double factor)
+{
+    timeScale = factor;
+}
+
+bool QEMUClient::connectToPeer()
+{
+    if (auto *local = qobject_cast<QLocalSocket *>(m_socket)) {
+        local->connectToServer(m_endpoint.socketPath, QIODevice::ReadWrite);
+        return local->waitForConnected(ConnectTimeoutMs);
+    }
+    auto *tcp = static_cast<QTcpSocket *>(m_socket);
+    tcp->connectToHost(QHostAddress(QHostAddress::LocalHost), m_endpoint.port, QIODevice::ReadWrite);
+    return tcp->waitForConnected(ConnectTimeoutMs);
+}
+
+bool QEMUClient::isConnected() const
+{
+    if (auto *local = qobject_cast<QLocalSocket *>(m_socket))
+        return local->state() == QLocalSocket::ConnectedState;
+    return static_cast<QTcpSocket *>(m_socket)->state() == QAbstractSocket::ConnectedState;
+}
+
+// A peer that never ends its line must not grow the buffer without end; what follows
+// such a line cannot be trusted either, so the connection goes.
+bool QEMUClient::lineTooLong()
+{
+    vmCritical("QEMUClient: reply line longer than", MaxLineBytes, "bytes");
+    m_socket->close();
+    return false;
+}
+
 bool QEMUClient::init()
 {
     if (m_initialized)
         return true;
 
-    m_socket->connectToHost(QHostAddress(QHostAddress::LocalHost), m_port, QIODevice::ReadWrite);
-    if (!m_socket->waitForConnected(ConnectTimeoutMs)) {
+    if (!connectToPeer()) {
         vmCritical("QEMUClient: connection timeout");
         return false;
     }
@@ -76,16 +138,21 @@ bool QEMUClient::init()
         connect(m_socket, &QIODevice::readyRead, &loop, [this, &loop] {
             if (m_socket->canReadLine())
                 loop.quit();
+            else if (m_socket->bytesAvailable() >= MaxLineBytes)
+                loop.exit(2);
         });
         timer.start(GreetingTimeoutMs);
-        if (loop.exec() != 0) {
+        const int result = loop.exec();
+        if (result == 2)
+            return lineTooLong();
+        if (result != 0) {
             vmWarning("QEMUClient: timeout during initialization");
             return false;
         }
     }
 
     // Only its presence matters; a bare line feed counts as nothing.
-    if (m_socket->readLine().trimmed().isEmpty()) {
+    if (m_socket->readLine(MaxLineBytes).trimmed().isEmpty()) {
         vmWarning("QEMUClient: bad message during initialization");
         return false;
     }
@@ -100,9 +167,9 @@ bool QEMUClient::init()
 }
 
 bool QEMUClient::request(const QVariantMap &command, const QVariant &expected, int timeoutMs,
-                         bool silenceIsSuccess)
+                         bool silenceIsSuccess, int deadlineMs)
 {
-    if (m_socket->state() != QAbstractSocket::ConnectedState) {
+    if (!isConnected()) {
         vmCritical("QEMUClient: not connected");
         return false;
     }
@@ -117,31 +184,45 @@ bool QEMUClient::request(const QVariantMap &command, const QVariant &expected, i
         return false;
     }
 
-    // Events ("timestamp") may come before the reply; a partly received line is waited
-    // for. A wait that brings nothing ends the loop, so a silent or closed peer never
-    // keeps the caller here.
+    // Events ("timestamp") may come before the reply, and QEMU sends STOP long before it
+    // answers savevm: after an event a silent wait is waited again. A partly received line
+    // is waited for. A silent wait without an event ends the loop; the deadline ends it
+    // whatever the peer sends.
+    const int waitMs = scaled(timeoutMs), limitMs = scaled(deadlineMs);
+    const QDeadlineTimer deadline(limitMs);
     QJsonObject reply;
     for (;;) {
-        const bool dataReady = m_socket->canReadLine() || m_socket->waitForReadyRead(timeoutMs);
-        if (!dataReady) {
+        if (!m_socket->canReadLine()) {
+            if (m_socket->bytesAvailable() >= MaxLineBytes)
+                return lineTooLong();
+            const int sliceMs = int(qMin<qint64>(waitMs, deadline.remainingTime()));
+            if (sliceMs > 0 && m_socket->waitForReadyRead(sliceMs))
+                continue;
+            if (sliceMs < waitMs) {
+                vmCritical("QEMUClient: no reply within", limitMs, "ms");
+                return false;
+            }
             if (silenceIsSuccess) {
                 vmDebug("QEMUClient: did not received response from QMP but it's expected.");
                 return true;
             }
+            if (isEvent(reply) && isConnected())
+                continue;
             break;
         }
-        if (m_socket->canReadLine()) {
-            const QByteArray line = m_socket->readLine().trimmed();
-            vmDebug("QEMUClient: response", line);
-            QJsonParseError error;
-            const QJsonDocument document = QJsonDocument::fromJson(line, &error);
-            if (!document.isObject() || document.object().isEmpty()) {
-                vmCritical("QEMUClient: failed to parse response as JSON", error.errorString());
-                return false;
-            }
-            reply = document.object();
+        const QByteArray raw = m_socket->readLine(MaxLineBytes);
+        if (!raw.endsWith('\n'))
+            return lineTooLong();
+        const QByteArray line = raw.trimmed();
+        vmDebug("QEMUClient: response", line);
+        QJsonParseError error;
+        const QJsonDocument document = QJsonDocument::fromJson(line, &error);
+        if (!document.isObject() || document.object().isEmpty()) {
+            vmCritical("QEMUClient: failed to parse response as JSON", error.errorString());
+            return false;
         }
-        if (!reply.isEmpty() && !reply.contains(QLatin1String("timestamp")))
+        reply = document.object();
+        if (!isEvent(reply))
             break;
     }
 
@@ -168,6 +249,7 @@ bool QEMUClient::quit()
         return false;
     vmDebug("QEMUClient: sending quit command");
     // QEMU often closes the connection before it answers: silence counts as success.
+    m_quitSent = true;
     const bool ok = request(simpleCommand("quit"), QVariantMap(), CommandTimeoutMs, true);
     if (!ok)
         vmCritical("QEMUClient: failed to quit");
@@ -192,7 +274,7 @@ bool QEMUClient::saveSnapshot(const QString &name, bool unplugSharedFolder)
     // The human monitor answers success with an empty string and failure with text.
     vmDebug("QEMUClient: saving snapshot");
     const bool ok = request(humanMonitorCommand(QStringLiteral("savevm %1").arg(name)),
-                            QString(QLatin1String("")), SaveVmTimeoutMs, false);
+                            QString(QLatin1String("")), SaveVmTimeoutMs, false, SaveVmDeadlineMs);
     if (!ok)
         vmCritical("QEMUClient: failed to save snapshot");
     return ok;
