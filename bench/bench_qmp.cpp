@@ -23,7 +23,7 @@ const QByteArray Greeting =
 
 // Greets each connection, answers every request line with an empty return, and closes the
 // connection after a quit, as QEMU does.
-class QmpEndpoint : public QThread
+class ScriptedMonitor : public QThread
 {
 public:
     quint16 waitForPort()
@@ -109,7 +109,7 @@ int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
-    QmpEndpoint endpoint;
+    ScriptedMonitor endpoint;
     endpoint.start();
     const quint16 port = endpoint.waitForPort();
     if (port == 0) {

@@ -10,7 +10,7 @@ HostPlatform HostPlatform::forLinux()
 {
     // The "none" backend keeps QEMU from failing on hosts without a sound server.
     return {QString(), {QStringLiteral("kvm"), QStringLiteral("tcg")}, QStringLiteral("none,id=snd0"),
-            false};
+            false, true};
 }
 
 HostPlatform HostPlatform::current()

@@ -11,6 +11,9 @@ struct HostPlatform
     QStringList accelerators;  // tried by QEMU in this order
     QString audioDevice;       // value of "-audiodev": backend, id and its options
     bool arm64 = false;
+    // QMP on a Unix socket in the device's folder; otherwise on a TCP port of loopback.
+    // Windows builds of QEMU may lack Unix sockets.
+    bool qmpOnUnixSocket = false;
 
     QString programName(const QString &baseName) const { return baseName + programSuffix; }
 

@@ -160,8 +160,10 @@ QemuOptionMap QemuCommandLine::defaultOptions(const QemuLaunchSpec &launch) cons
         options.addText(QStringLiteral("-loadvm"), launch.snapshotName);
     }
 
-    options.addText(QStringLiteral("-qmp"), QStringLiteral("tcp:localhost:%1,server,nowait")
-                                                    .arg(QmpBasePort + int(launch.portOffset)));
+    const QString monitor = launch.qmpSocketPath.isEmpty()
+            ? QStringLiteral("tcp:localhost:%1").arg(QmpBasePort + int(launch.portOffset))
+            : QStringLiteral("unix:") + escapedOptionValue(launch.qmpSocketPath);
+    options.addText(QStringLiteral("-qmp"), monitor + QStringLiteral(",server,nowait"));
     if (!launch.showWindow) {
         options.addFlag(QStringLiteral("-nographic"));
         options.addFlag(QStringLiteral("-nodefaults"));

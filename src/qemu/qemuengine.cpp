@@ -6,12 +6,14 @@
 #include "fileutils.h"
 #include "hostdirectories.h"
 #include "logging.h"
+#include "multisettings.h"
 #include "processutils.h"
 #include "productlinks.h"
 #include "qemuclient.h"
 #include "qemucommandline.h"
 #include "qemudiagnosis.h"
 #include "qemumachine.h"
+#include "qmpsocket.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -232,6 +234,12 @@ int QEMUEngine::startMachine(VMToolsMachine *vmMachine, const QString &snapshotN
     launch.portOffset = quint16(offset);
     launch.shareDir = m_shareDir;
     launch.showWindow = qEnvironmentVariableIsSet("QV_HYPERVISOR_WINDOW");
+    launch.qmpSocketPath = qmpSocketPath(machine->path());
+    // The monitor's socket lives in the device folder: no other account may enter it.
+    if (!launch.qmpSocketPath.isEmpty() && !makeOwnerOnly(machine->path())) {
+        vmCritical("Cannot make", machine->path(), "private to its owner");
+        return QEMUMachine::StartFailed;
+    }
     const QStringList arguments =
             QemuCommandLine(m_platform).arguments(launch, qEnvironmentVariable("QV_QEMU_START_ARGS"));
 
@@ -248,7 +256,7 @@ bool QEMUEngine::stopMachine(VMToolsMachine *vmMachine)
     if (!lock.acquire())
         return false;
 
-    QEMUClient client(quint16(machine->qmpPort()));
+    QEMUClient client(machine->qmpEndpoint());
     if (client.quit()) {
         // The quit was accepted: whatever the wait finds, the stop counts as done.
         machine->waitForQemuEnd();
@@ -355,6 +363,13 @@ int QEMUEngine::findPortOffset()
             return offset;
     }
     return -1;
+}
+
+QString QEMUEngine::qmpSocketPath(const QString &devicePath) const
+{
+    if (!m_platform.qmpOnUnixSocket || settings()->value(QStringLiteral("virtual_devices.qmp_over_tcp")).toBool())
+        return {};
+    return ::qmpSocketPath(devicePath);
 }
 
 QString QEMUEngine::devicePath(const QString &name) const

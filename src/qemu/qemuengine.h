@@ -83,6 +83,9 @@ public:
     QString qemuPath() const { return m_qemuPath; }
     QString qemuImgPath() const { return m_qemuImgPath; }
     QString shareDir() const { return m_shareDir; }
+    // The Unix socket of a device's QMP monitor; empty when QMP uses TCP (the host has no
+    // Unix sockets, or the setting "virtual_devices.qmp_over_tcp" asks for the port).
+    QString qmpSocketPath(const QString &devicePath) const;
     // The device directory of a name under the devices directory.
     QString devicePath(const QString &name) const;
     // False, with a critical line, for a name that would leave the devices directory.

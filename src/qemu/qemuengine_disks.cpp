@@ -262,7 +262,7 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name)
     auto *qemuMachine = dynamic_cast<QEMUMachine *>(machine);
     DeviceLock lock(qemuMachine ? qemuMachine->path() : QString());
     // With virtio the shared folder is read-only and can stay; a writable vvfat drive blocks savevm.
-    if (!qemuMachine || !lock.acquire() || !QEMUClient(quint16(qemuMachine->qmpPort())).saveSnapshot(name, !machine->usesVirtio())) {
+    if (!qemuMachine || !lock.acquire() || !QEMUClient(qemuMachine->qmpEndpoint()).saveSnapshot(name, !machine->usesVirtio())) {
         vmCritical("Failed to save snapshot", name);
         return false;
     }

@@ -193,6 +193,11 @@ int QEMUMachine::qmpPort() const
     return QemuCommandLine::QmpBasePort + m_portOffset;
 }
 
+QmpEndpoint QEMUMachine::qmpEndpoint() const
+{
+    return {quint16(qmpPort()), m_engine->qmpSocketPath(m_path)};
+}
+
 bool QEMUMachine::supportsHotResize() const
 {
     return false;

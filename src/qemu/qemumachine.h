@@ -1,5 +1,6 @@
 #pragma once
 
+#include "qmpendpoint.h"
 #include "vmtoolsmachine.h"
 
 #include <QString>
@@ -72,6 +73,8 @@ public:
     bool isQemuProcess(quint32 pid) const;
     quint16 portOffset() const { return quint16(m_portOffset); }
     int qmpPort() const;
+    // Where this device's QEMU takes QMP commands: its socket, or qmpPort() on loopback.
+    QmpEndpoint qmpEndpoint() const;
     QString lockFilePath() const { return m_lockFilePath; }
     QString logFilePath() const;
 

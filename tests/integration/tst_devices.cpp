@@ -327,7 +327,7 @@ private slots:
         }
         QCOMPARE(processNameByPid(quint32(m_pid)), QString("qemu-system-x86_64"));
         QCOMPARE(machine->adbSerial(), QString("127.0.0.1:%1").arg(6555 + offset));
-        QVERIFY2(QEMUClient(quint16(23555 + offset)).init(), qPrintable(log.dump()));
+        QVERIFY2(QEMUClient(QmpEndpoint{0, machine->path() + "/qmp.sock"}).init(), qPrintable(log.dump()));
         // Already running: nothing new is launched.
         QCOMPARE(m_engine->startMachine(machine.get(), QString()), result);
         QCOMPARE(QSettings(machine->lockFilePath(), QSettings::IniFormat).value("pid").toLongLong(), m_pid);
