@@ -112,7 +112,7 @@ private slots:
         QVERIFY(first && second);
         QCOMPARE(engine.startMachine(first.get(), QString()), int(QEMUMachine::StartRunning));
         QCOMPARE(QEMUMachine(&engine, first->path()).portOffset(), quint16(693));
-        QVERIFY(m_qemu->calls().value(0).contains("hostfwd=tcp::7248-:5555,"));
+        QVERIFY(m_qemu->calls().value(0).contains("hostfwd=tcp:127.0.0.1:7248-:5555,"));
 
         LogCapture log;
         QCOMPARE(engine.startMachine(second.get(), QString()), int(QEMUMachine::StartFailed));
