@@ -4,8 +4,10 @@
 #include "fixtures.h"
 #include "hostdirectories.h"
 #include "logcapture.h"
+#include "multisettings.h"
 #include "processutils.h"
 #include "qemuclient.h"
+#include "qemucommandline.h"
 #include "qemuengine.h"
 #include "qemumachine.h"
 #include "testenv.h"
@@ -307,7 +309,9 @@ private slots:
         const int offset = row["offset"].toInt(), result = row["result"].toInt();
         const QString message = row["message"].toString();
         QTcpServer foreign;
-        QTRY_VERIFY_WITH_TIMEOUT(!row["portTaken"].toBool() || foreign.isListening() || foreign.listen(QHostAddress::Any, 6555), 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(!row.contains("takenPort") || foreign.isListening() || foreign.listen(QHostAddress::Any, quint16(row["takenPort"].toInt())), 5000);
+        if (row.contains("allInterfaces"))
+            settings()->userSettings()->setValue("virtual_devices.forward_all_interfaces", row["allInterfaces"].toBool());
         auto machine = load("keep");
         const QString system = machine->path() + "/system.qcow2";
         if (row["diskHeld"].toBool()) {
@@ -324,6 +328,16 @@ private slots:
         QCOMPARE(processNameByPid(quint32(m_pid)), QString("qemu-system-x86_64"));
         QCOMPARE(machine->adbSerial(), QString("127.0.0.1:%1").arg(6555 + offset));
         QVERIFY2(QEMUClient(quint16(23555 + offset)).init(), qPrintable(log.dump()));
+        // Where the forwards listen, as this namespace's socket table has it: each on the row's address only.
+        QStringList expected, forwards;
+        for (const QemuCommandLine::PortForward &forward : QemuCommandLine::portForwards())
+            expected << QString("%1:%2").arg(row["listen"].toString("127.0.0.1")).arg(forward.hostBase + offset);
+        for (const QString &line : runCommand("ss", {"-ltnH"}).output.split('\n', Qt::SkipEmptyParts)) {
+            const QString local = line.simplified().section(' ', 3, 3);
+            if (std::any_of(expected.cbegin(), expected.cend(), [&](const QString &e) { return e.section(':', -1) == local.section(':', -1); }))
+                forwards << local;
+        }
+        QCOMPARE((forwards.sort(), forwards), (expected.sort(), expected));
         // Already running: nothing new is launched.
         QCOMPARE(m_engine->startMachine(machine.get(), QString()), result);
         QCOMPARE(QSettings(machine->lockFilePath(), QSettings::IniFormat).value("pid").toLongLong(), m_pid);
