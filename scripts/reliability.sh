@@ -4,6 +4,7 @@
 #    all get distinct port offsets, all answer QMP on 23555+offset, all stop gracefully
 #    leaving no lock file and no QEMU process;
 #  - kills a running QEMU with SIGKILL: the device then reads stopped and the next start works;
+#  - starts two devices from two processes at once, 20 times: both start, at different offsets;
 #  - runs every row of scripts/data-safety.sh (kills, full disk, races);
 #  - runs every fuzz target for five minutes (scripts/fuzz.sh 300).
 # Prints a table of figures; exits non-zero when any check fails.
@@ -168,6 +169,44 @@ elif kill -9 "$pid"; then
     fi
 fi
 figure "state after SIGKILL, next start" "$recovered" yes "$(verdict "$recovered" yes)"
+
+# Two processes start two devices at once, again and again: both must start, at different
+# port offsets, every time.
+races=${QV_RELIABILITY_RACES:-20}
+if ((devices >= 2)); then
+    a=r$(seq -w 1 $devices | sed -n 1p)
+    b=r$(seq -w 1 $devices | sed -n 2p)
+    race_started=0
+    race_distinct=0
+    race_table=()
+    for try in $(seq "$races"); do
+        "$qvctl" --json start "$a" >"$work/race-a" 2>"$work/race-a.err" &
+        pa=$!
+        "$qvctl" --json start "$b" >"$work/race-b" 2>"$work/race-b.err" &
+        pb=$!
+        wait $pa; ra=$?
+        wait $pb; rb=$?
+        oa=$(json_field 'd["ports"]["offset"]' <"$work/race-a" 2>/dev/null || echo -)
+        ob=$(json_field 'd["ports"]["offset"]' <"$work/race-b" 2>/dev/null || echo -)
+        race_table+=("$try|$ra|$oa|$rb|$ob")
+        if ((ra == 0 && rb == 0)); then
+            race_started=$((race_started + 1))
+            [ "$oa" != "$ob" ] && race_distinct=$((race_distinct + 1))
+        else
+            tail -n 3 "$work/race-a.err" "$work/race-b.err" >&2
+        fi
+        "$qvctl" stop "$a" >/dev/null 2>&1
+        "$qvctl" stop "$b" >/dev/null 2>&1
+    done
+    echo
+    printf '%-5s  %-11s  %-8s  %-11s  %s\n' try "$a exit" offset "$b exit" offset
+    for row in "${race_table[@]}"; do
+        IFS='|' read -r try ra oa rb ob <<<"$row"
+        printf '%-5s  %-11s  %-8s  %-11s  %s\n' "$try" "$ra" "$oa" "$rb" "$ob"
+    done
+    figure "racing starts, both started" "$race_started" "$races" "$(verdict "$race_started" "$races")"
+    figure "racing starts, distinct offsets" "$race_distinct" "$races" "$(verdict "$race_distinct" "$races")"
+fi
 
 for i in $(seq -w 1 $devices); do "$qvctl" delete "r$i" >/dev/null 2>&1; done
 

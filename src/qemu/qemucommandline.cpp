@@ -15,11 +15,15 @@ QString diskPath(const QString &machinePath, const QString &fileName)
     return QDir(machinePath).filePath(fileName);
 }
 
-QString networkWithForwards(quint16 portOffset)
+QString networkWithForwards(quint16 portOffset, bool allInterfaces)
 {
+    // An empty host address makes QEMU listen on every interface: the device's services
+    // would then be open to the whole network.
+    const QString host = allInterfaces ? QString() : QStringLiteral("127.0.0.1");
     QString value = QStringLiteral("user,id=net0,model=virtio-net-pci,net=10.0.2.0/24");
     for (const QemuCommandLine::PortForward &forward : QemuCommandLine::portForwards()) {
-        value += QStringLiteral(",hostfwd=tcp::%1-:%2")
+        value += QStringLiteral(",hostfwd=tcp:%1:%2-:%3")
+                         .arg(host)
                          .arg(int(forward.hostBase) + portOffset)
                          .arg(forward.guest);
     }
@@ -139,7 +143,7 @@ QemuOptionMap QemuCommandLine::defaultOptions(const QemuLaunchSpec &launch) cons
     if (m_platform.arm64)
         options.addText(QStringLiteral("-M"), QStringLiteral("virt"));
 
-    options.addText(QStringLiteral("-nic"), networkWithForwards(launch.portOffset));
+    options.addText(QStringLiteral("-nic"), networkWithForwards(launch.portOffset, launch.forwardAllInterfaces));
     options.addText(QStringLiteral("-nic"),
                     QStringLiteral("user,id=net1,model=virtio-net-pci,net=10.0.3.0/24"));
 

@@ -19,6 +19,7 @@ struct QemuLaunchSpec
     quint16 portOffset = 0;
     QString shareDir;         // QEMU's data directory, for the Arm64 firmware
     bool showWindow = false;  // QV_HYPERVISOR_WINDOW is set (even empty)
+    bool forwardAllInterfaces = false;  // forwards listen on every interface, not on loopback
     QString qmpSocketPath;    // empty: QMP on TCP port 23555 + offset
 };
 

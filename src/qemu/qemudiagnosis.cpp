@@ -31,7 +31,9 @@ QemuDiagnosis diagnoseQemuErrors(const QString &filePath)
         Log::critical("Another process is using a system file");
         return QemuDiagnosis::SystemFileLocked;
     }
-    if (mentions(text, "failed to find an available port")) {
+    // The first comes from QEMU's own listeners such as the monitor, the second from a forward.
+    if (mentions(text, "failed to find an available port")
+        || mentions(text, "could not set up host forwarding rule")) {
         Log::critical("Another process is using the same port");
         return QemuDiagnosis::PortInUse;
     }

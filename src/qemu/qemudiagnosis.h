@@ -10,7 +10,7 @@ enum class QemuDiagnosis {
     AcceleratorError = 2,   // no usable accelerator
     DeviceBusy = 3,
     SystemFileLocked = 4,   // another process holds a disk image's write lock
-    PortInUse = 5,          // a forwarded port is taken
+    PortInUse = 5,          // a forwarded port or QEMU's own listening port is taken
     MemoryNotSupported = 6, // the memory size cannot be addressed on this host
 };
 

@@ -7,6 +7,7 @@
 #include "hostdirectories.h"
 #include "logging.h"
 #include "multisettings.h"
+#include "portoffsetreservation.h"
 #include "processutils.h"
 #include "productlinks.h"
 #include "qemuclient.h"
@@ -71,15 +72,55 @@ QStringList supportedImageArchitectures()
     return {QStringLiteral("x86"), QStringLiteral("x86_64")};
 }
 
-bool canListenOnAllForwards(int offset)
+// Off by default: the device's services (ADB above all) would be open to the whole network.
+bool forwardAllInterfaces()
 {
-    for (const QemuCommandLine::PortForward &forward : QemuCommandLine::portForwards()) {
+    return settings()->value(QStringLiteral("virtual_devices.forward_all_interfaces"), false).toBool();
+}
+
+// The probe listens where QEMU will: the eight forwards, and the monitor's TCP port, which
+// stays reserved for hosts that connect to it.
+bool canListenOnAllPorts(int offset, bool allInterfaces)
+{
+    const QHostAddress address = allInterfaces ? QHostAddress::Any : QHostAddress::LocalHost;
+    QVector<int> ports{QemuCommandLine::QmpBasePort};
+    for (const QemuCommandLine::PortForward &forward : QemuCommandLine::portForwards())
+        ports.append(forward.hostBase);
+    for (const int port : ports) {
         QTcpServer server;
-        if (!server.listen(QHostAddress::Any, quint16(forward.hostBase + offset)))
+        if (!server.listen(address, quint16(port + offset)))
             return false;
         server.close();
     }
     return true;
+}
+
+// Offsets that running devices keep even if their ports look free right now (a guest
+// service may simply not listen yet).
+QSet<int> offsetsOfRunningMachines(QList<VMToolsMachine *> machines)
+{
+    QSet<int> offsets;
+    for (VMToolsMachine *machine : machines) {
+        if (machine->status() == VMToolsMachine::StateRunning)
+            offsets.insert(static_cast<QEMUMachine *>(machine)->portOffset());
+    }
+    qDeleteAll(machines);
+    return offsets;
+}
+
+// The first offset from firstOffset on whose ports are free and that no other start holds;
+// the reservation keeps it. -1 when there is none.
+int reserveFreeOffset(PortOffsetReservation &reservation, const QSet<int> &running,
+                      int firstOffset, bool allInterfaces)
+{
+    for (int offset = firstOffset; offset <= LastPortOffset; offset += PortOffsetStep) {
+        if (running.contains(offset) || !reservation.tryHold(offset))
+            continue;
+        if (canListenOnAllPorts(offset, allInterfaces))
+            return offset;
+    }
+    reservation.release();
+    return -1;
 }
 
 } // namespace
@@ -218,7 +259,11 @@ int QEMUEngine::startMachine(VMToolsMachine *vmMachine, const QString &snapshotN
         return QEMUMachine::StartRunning;
     }
 
-    const int offset = findPortOffset();
+    const bool allInterfaces = forwardAllInterfaces();
+    const QSet<int> running = offsetsOfRunningMachines(listMachines({}));
+    // Held until the start has returned: QEMU has then bound its ports, or given up.
+    PortOffsetReservation reservation(m_devicesDirectory.absolutePath());
+    const int offset = reserveFreeOffset(reservation, running, 0, allInterfaces);
     if (offset < 0) {
         vmCritical("Failed to determine a port offset");
         return QEMUMachine::StartFailed;
@@ -234,17 +279,33 @@ int QEMUEngine::startMachine(VMToolsMachine *vmMachine, const QString &snapshotN
     launch.portOffset = quint16(offset);
     launch.shareDir = m_shareDir;
     launch.showWindow = qEnvironmentVariableIsSet("QV_HYPERVISOR_WINDOW");
+    launch.forwardAllInterfaces = allInterfaces;
     launch.qmpSocketPath = qmpSocketPath(machine->path());
     // The monitor's socket lives in the device folder: no other account may enter it.
     if (!launch.qmpSocketPath.isEmpty() && !makeOwnerOnly(machine->path())) {
         vmCritical("Cannot make", machine->path(), "private to its owner");
         return QEMUMachine::StartFailed;
     }
-    const QStringList arguments =
-            QemuCommandLine(m_platform).arguments(launch, qEnvironmentVariable("QV_QEMU_START_ARGS"));
+    const QString overrides = qEnvironmentVariable("QV_QEMU_START_ARGS");
+    const auto launchAt = [&](int portOffset) {
+        launch.portOffset = quint16(portOffset);
+        const QStringList arguments = QemuCommandLine(m_platform).arguments(launch, overrides);
+        vmDebug("Start command:", QemuCommandLine::startCommandText(m_qemuPath, arguments));
+        return machine->start(m_qemuPath, arguments, quint16(portOffset));
+    };
 
-    vmDebug("Start command:", QemuCommandLine::startCommandText(m_qemuPath, arguments));
-    return machine->start(m_qemuPath, arguments, quint16(offset));
+    const int result = launchAt(offset);
+    if (result != QEMUMachine::StartPortInUse || machine->isQemuRunning())
+        return result;
+    // A program took one of the ports between the probe and QEMU's start: one more try,
+    // with the taken offset still held so that the search passes it.
+    PortOffsetReservation next(m_devicesDirectory.absolutePath());
+    const int nextOffset = reserveFreeOffset(next, running, offset + PortOffsetStep, allInterfaces);
+    if (nextOffset < 0)
+        return result;
+    vmWarning("Port offset", offset, "was taken meanwhile, starting again at offset", nextOffset);
+    reservation.release();
+    return launchAt(nextOffset);
 }
 
 bool QEMUEngine::stopMachine(VMToolsMachine *vmMachine)
@@ -348,21 +409,9 @@ QEMUEngine::InstallStatus QEMUEngine::checkInstallation(bool skipAccelerationPro
 
 int QEMUEngine::findPortOffset()
 {
-    // Devices that run already keep their offset even if their ports look free right now
-    // (a guest service may simply not listen yet).
-    QSet<int> heldOffsets;
-    const QList<VMToolsMachine *> machines = listMachines({});
-    for (VMToolsMachine *machine : machines) {
-        if (machine->status() == VMToolsMachine::StateRunning)
-            heldOffsets.insert(static_cast<QEMUMachine *>(machine)->portOffset());
-    }
-    qDeleteAll(machines);
-
-    for (int offset = 0; offset <= LastPortOffset; offset += PortOffsetStep) {
-        if (!heldOffsets.contains(offset) && canListenOnAllForwards(offset))
-            return offset;
-    }
-    return -1;
+    PortOffsetReservation reservation(m_devicesDirectory.absolutePath());
+    return reserveFreeOffset(reservation, offsetsOfRunningMachines(listMachines({})), 0,
+                             forwardAllInterfaces());
 }
 
 QString QEMUEngine::qmpSocketPath(const QString &devicePath) const

@@ -4,8 +4,10 @@
 #include "fixtures.h"
 #include "hostdirectories.h"
 #include "logcapture.h"
+#include "multisettings.h"
 #include "processutils.h"
 #include "qemuclient.h"
+#include "qemucommandline.h"
 #include "qemuengine.h"
 #include "qemumachine.h"
 #include "testenv.h"
@@ -15,12 +17,14 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QSettings>
+#include <QStandardPaths>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QtTest>
 
 #include <csignal>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <memory>
 
 // Devices made from a real OVA by the real qemu-img and run by the real QEMU, both reached
@@ -311,7 +315,10 @@ private slots:
         const int offset = row["offset"].toInt(), result = row["result"].toInt();
         const QString message = row["message"].toString();
         QTcpServer foreign;
-        QTRY_VERIFY_WITH_TIMEOUT(!row["portTaken"].toBool() || foreign.isListening() || foreign.listen(QHostAddress::Any, 6555), 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(!row.contains("takenPort") || foreign.isListening() || foreign.listen(QHostAddress::Any, quint16(row["takenPort"].toInt())), 5000);
+        const QJsonObject rowSettings = row["settings"].toObject();
+        for (auto it = rowSettings.begin(); it != rowSettings.end(); ++it)
+            settings()->userSettings()->setValue(it.key(), it.value().toVariant());
         auto machine = load("keep");
         const QString system = machine->path() + "/system.qcow2";
         if (row["diskHeld"].toBool()) {
@@ -327,7 +334,28 @@ private slots:
         }
         QCOMPARE(processNameByPid(quint32(m_pid)), QString("qemu-system-x86_64"));
         QCOMPARE(machine->adbSerial(), QString("127.0.0.1:%1").arg(6555 + offset));
-        QVERIFY2(QEMUClient(QmpEndpoint{0, machine->path() + "/qmp.sock"}).init(), qPrintable(log.dump()));
+        // QMP on the device's own socket, in a folder only its owner may enter (the setting
+        // puts it back on the port); another account cannot reach it even when the folders
+        // above are open.
+        const QmpEndpoint qmp = row["settings"].toObject()["virtual_devices.qmp_over_tcp"].toBool()
+                ? QmpEndpoint{quint16(23555 + offset), {}} : QmpEndpoint{0, machine->path() + "/qmp.sock"};
+        QVERIFY2(QEMUClient(qmp).init(), qPrintable(log.dump()));
+        struct stat folder = {};
+        QVERIFY(::stat(QFile::encodeName(machine->path()).constData(), &folder) == 0 && (!qmp.isLocalSocket() || (folder.st_mode & 0777) == 0700));
+        const bool canSwitch = ::geteuid() == 0 && !QStandardPaths::findExecutable("setpriv").isEmpty();
+        for (QDir up(m_devs); canSwitch && up.absolutePath().startsWith(m_home.path()); up.cdUp())
+            QFile::setPermissions(up.absolutePath(), QFile::permissions(up.absolutePath()) | QFile::ExeOther);
+        QVERIFY(!canSwitch || !qmp.isLocalSocket() || runCommand("setpriv", {"--reuid=65534", "--regid=65534", "--clear-groups", "python3", "-c", "import socket,sys; socket.socket(socket.AF_UNIX).connect(sys.argv[1])", qmp.socketPath}).exitCode == 1);
+        // Where the forwards listen, as this namespace's socket table has it: each on the row's address only.
+        QStringList expected, forwards;
+        for (const QemuCommandLine::PortForward &forward : QemuCommandLine::portForwards())
+            expected << QString("%1:%2").arg(row["listen"].toString("127.0.0.1")).arg(forward.hostBase + offset);
+        for (const QString &line : runCommand("ss", {"-ltnH"}).output.split('\n', Qt::SkipEmptyParts)) {
+            const QString local = line.simplified().section(' ', 3, 3);
+            if (std::any_of(expected.cbegin(), expected.cend(), [&](const QString &e) { return e.section(':', -1) == local.section(':', -1); }))
+                forwards << local;
+        }
+        QCOMPARE((forwards.sort(), forwards), (expected.sort(), expected));
         // Already running: nothing new is launched.
         QCOMPARE(m_engine->startMachine(machine.get(), QString()), result);
         QCOMPARE(QSettings(machine->lockFilePath(), QSettings::IniFormat).value("pid").toLongLong(), m_pid);
@@ -340,6 +368,8 @@ private slots:
         QVERIFY(!QFile::exists(machine->lockFilePath()));
         QTRY_VERIFY_WITH_TIMEOUT(!isRunning(quint32(m_pid)), 5000);
         QCOMPARE(machine->status(), int(VMToolsMachine::StatePoweredOff));
+        if (!canSwitch && qmp.isLocalSocket())
+            QSKIP("Not tried as another account: that needs root and setpriv");
     }
 };
 

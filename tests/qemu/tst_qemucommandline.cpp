@@ -65,7 +65,8 @@ void tst_QemuCommandLine::golden()
     const bool virtio = version.isEmpty() ? setup.contains("virtio")
             : QEMUMachine(nullptr, path, testProfile(4096, 4), testImage("file:///x.ova", version)).usesVirtio();
     const QemuLaunchSpec launch{path, 4096, 4, virtio, setup.contains("sdcard"), setup.contains("snapshot") ? "quickboot" : "",
-                                quint16(setup.contains("offset7") ? 7 : 0), "/usr/share/qemu", setup.contains("window")};
+                                quint16(setup.contains("offset7") ? 7 : 0), "/usr/share/qemu", setup.contains("window"), setup.contains("all-interfaces"),
+                                host.qmpOnUnixSocket ? path + "/qmp.sock" : QString()};
 
     LogCapture capture;
     const QStringList arguments = QemuCommandLine(host).arguments(launch, overrides).join('\n').remove(dir.path() + '/').split('\n');

@@ -36,6 +36,8 @@ void tst_QemuDiagnosis::diagnose_data()
     QTest::newRow("lock") << lock << none << "000" << 4 << lockLog;
     QTest::newRow("lock without quotes") << QByteArray("Failed to get write lock") << none << "000" << 0 << "";
     QTest::newRow("port") << port << none << "000" << 5 << portLog;
+    QTest::newRow("forwarding rule") << QByteArray("qemu-system-x86_64: -nic user,hostfwd=tcp:127.0.0.1:6555-:5555: Could not set up host forwarding rule 'tcp:127.0.0.1:6555-:5555'\n")
+                                     << none << "000" << 5 << portLog;
     QTest::newRow("lock then port") << lock + port << none << "000" << 4 << lockLog;
     QTest::newRow("port then lock") << port + lock << none << "000" << 4 << lockLog;
     QTest::newRow("port before memory") << port + "Addressing limited" << none << "000" << 5 << portLog;

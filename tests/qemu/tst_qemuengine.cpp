@@ -98,27 +98,36 @@ private slots:
         QCOMPARE(reloaded->uuid(), ok ? QStringLiteral("uuid-2") : oldUuid);
     }
 
-    // Offsets go 0, 7, ... 693; a device already running keeps its offset.
+    // Offsets go 0, 7, ... 693; a device already running keeps its offset; a port that QEMU
+    // finds taken after the probe moves the start once, to the next free offset.
     void portOffsetSearch()
     {
+        QEMUEngine engine;
+        auto first = newDevice(engine, "first"), second = newDevice(engine, "second");
+        QVERIFY(first && second);
+        const QJsonObject clash{{"match", QJsonArray()}, {"times", 1}, {"stderr", "Could not set up host forwarding rule 'tcp:127.0.0.1:6555-:5555'\n"}};
+        m_qemu->setRules({{"calls", true}, {"rules", QJsonArray{clash, QJsonObject{{"match", QJsonArray()}, {"sleep_ms", 20000}}}}});
+        LogCapture clashLog;
+        QCOMPARE(engine.startMachine(second.get(), QString()), int(QEMUMachine::StartRunning));
+        QCOMPARE(QEMUMachine(&engine, second->path()).portOffset(), quint16(7));
+        QVERIFY2(clashLog.contains(QtWarningMsg, "[VMTools] Port offset 0 was taken meanwhile, starting again at offset 7"), qPrintable(clashLog.dump()));
+        killProcessesBelow(m_bin.path());
+
         QList<std::shared_ptr<QTcpServer>> taken;
         for (int offset = 0; offset < 693; offset += 7) {
             taken << std::make_shared<QTcpServer>();
             QVERIFY(taken.last()->listen(QHostAddress::Any, quint16(6555 + offset)));
         }
         scriptQemu(QString(), 20000);
-        QEMUEngine engine;
-        auto first = newDevice(engine, "first"), second = newDevice(engine, "second");
-        QVERIFY(first && second);
         QCOMPARE(engine.startMachine(first.get(), QString()), int(QEMUMachine::StartRunning));
         QCOMPARE(QEMUMachine(&engine, first->path()).portOffset(), quint16(693));
-        QVERIFY(m_qemu->calls().value(0).contains("hostfwd=tcp::7248-:5555,"));
+        QVERIFY(m_qemu->calls().value(2).contains("hostfwd=tcp:127.0.0.1:7248-:5555,"));
 
         LogCapture log;
         QCOMPARE(engine.startMachine(second.get(), QString()), int(QEMUMachine::StartFailed));
         QCOMPARE(log.lines(QtCriticalMsg), QStringList{"[VMTools] Failed to determine a port offset"});
         QCOMPARE(engine.startMachine(first.get(), QString()), int(QEMUMachine::StartRunning));
-        QCOMPARE(m_qemu->calls().size(), 1);  // neither start above launched QEMU
+        QCOMPARE(m_qemu->calls().size(), 3);  // neither start above launched QEMU
     }
 
     void startResults_data()
