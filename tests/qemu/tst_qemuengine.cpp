@@ -2,6 +2,7 @@
 #include "fakeprogram.h"
 #include "fixtures.h"
 #include "logcapture.h"
+#include "multisettings.h"
 #include "processutils.h"
 #include "qemuengine.h"
 #include "qemumachine.h"
@@ -128,6 +129,35 @@ private slots:
         QCOMPARE(log.lines(QtCriticalMsg), QStringList{"[VMTools] Failed to determine a port offset"});
         QCOMPARE(engine.startMachine(first.get(), QString()), int(QEMUMachine::StartRunning));
         QCOMPARE(m_qemu->calls().size(), 3);  // neither start above launched QEMU
+    }
+
+    // QMP's socket: in the device folder, or in a private runtime folder when that path is too
+    // long for a socket address (107 bytes), under a name of its own per device; none over TCP.
+    void qmpSocket_data()
+    {
+        QTest::addColumn<int>("nameLength");
+        QTest::addColumn<bool>("overTcp");
+        QTest::addColumn<QString>("where");
+        QTest::newRow("in the device folder") << 8 << false << "device";
+        QTest::newRow("path too long for a socket") << 100 << false << "runtime";
+        QTest::newRow("QMP over TCP") << 100 << true << "";
+    }
+    void qmpSocket()
+    {
+        QFETCH(int, nameLength);
+        QFETCH(bool, overTcp);
+        QFETCH(QString, where);
+        QTemporaryDir runtime;
+        qputenv("XDG_RUNTIME_DIR", runtime.path().toUtf8());
+        settings()->userSettings()->setValue("virtual_devices.qmp_over_tcp", overTcp);
+        QEMUEngine engine;
+        const QString path = engine.devicePath(QString(nameLength, 'n')), socket = engine.qmpSocketPath(path);
+        QCOMPARE(engine.qmpSocketPath(path), socket);
+        const QString folder = runtime.path() + "/quorvel-qmp";
+        QCOMPARE(QFileInfo(socket).path(), where == "device" ? path : where == "runtime" ? folder : "");
+        QVERIFY(QFile::encodeName(socket).size() <= 107 && (socket.isEmpty() || engine.qmpSocketPath(path + "x") != socket));
+        QVERIFY(where != "runtime" || QFile::permissions(folder) == (QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadUser | QFile::WriteUser | QFile::ExeUser));
+        settings()->userSettings()->setValue("virtual_devices.qmp_over_tcp", false);
     }
 
     void startResults_data()

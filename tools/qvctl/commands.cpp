@@ -347,10 +347,10 @@ std::unique_ptr<VMToolsMachine> Commands::machine(const QString &name)
         return loaded;
     if (m_engine->isMachineDirectoryPresent(name)
         || QFileInfo(m_engine->devicesDirectory().absoluteFilePath(name)).isDir()) {
-        m_exitCode = m_out.fail(ExitCode::Failure,
-                                QStringLiteral("device '%1' exists but cannot be loaded; run with -v to see why, "
-                                               "or delete its directory %2")
-                                    .arg(name, m_engine->devicesDirectory().absoluteFilePath(name)));
+        // Half there while another process deletes or makes it: then say it is busy.
+        m_exitCode = failed({name}, QStringLiteral("device '%1' exists but cannot be loaded; run with -v to see why, "
+                                                   "or delete its directory %2")
+                                        .arg(name, m_engine->devicesDirectory().absoluteFilePath(name)));
     } else {
         m_exitCode = m_out.fail(ExitCode::UnknownDevice,
                                 QStringLiteral("no device named '%1'; 'qvctl list' shows the devices").arg(name));
