@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Reliability suite (not part of the default test run; bounded runtime):
 #  - starts 20 devices side by side with the real QEMU through qvctl on a temporary QV_HOME:
-#    all get distinct port offsets, all answer QMP on 23555+offset, all stop gracefully
+#    all get distinct port offsets, all answer QMP on their socket, all stop gracefully
 #    leaving no lock file and no QEMU process;
 #  - kills a running QEMU with SIGKILL: the device then reads stopped and the next start works;
 #  - starts two devices from two processes at once, 20 times: both start, at different offsets;
+#  - saves a snapshot of a 4 GiB guest whose memory holds 2.75 GiB of random data, which
+#    QEMU needs well over 10 s to write: the save succeeds and qemu-img lists the snapshot;
 #  - runs every row of scripts/data-safety.sh (kills, full disk, races);
 #  - runs every fuzz target for five minutes (scripts/fuzz.sh 300).
 # Prints a table of figures; exits non-zero when any check fails.
@@ -65,19 +67,25 @@ json_field() {  # json_field PYTHON_EXPRESSION_ON_d < json
     python3 -c "import json,sys; d=json.load(sys.stdin); print($1)"
 }
 
-qmp_answers() {  # qmp_answers PORT: true when a QMP greeting comes within 5 s
-    python3 - "$1" <<'PY'
+qmp_answers() {  # qmp_answers DEVICE [SECONDS]: true when its QMP socket greets and takes
+                 # qmp_capabilities, each within SECONDS (default 5)
+    python3 - "$QV_HOME/.Lumarik/Quorvel/deployed/$1/qmp.sock" "${2:-5}" <<'PY'
 import socket, sys
+def line(s):
+    data = b""
+    while b"\n" not in data:
+        chunk = s.recv(4096)
+        if not chunk:
+            break
+        data += chunk
+    return data
 try:
-    with socket.create_connection(("127.0.0.1", int(sys.argv[1])), timeout=5) as s:
-        s.settimeout(5)
-        data = b""
-        while b"\n" not in data:
-            chunk = s.recv(4096)
-            if not chunk:
-                break
-            data += chunk
-        sys.exit(0 if b'"QMP"' in data else 1)
+    with socket.socket(socket.AF_UNIX) as s:
+        s.settimeout(float(sys.argv[2]))
+        s.connect(sys.argv[1])
+        ok = b'"QMP"' in line(s)
+        s.sendall(b'{"execute":"qmp_capabilities"}\n')
+        sys.exit(0 if ok and b'"return"' in line(s) else 1)
 except OSError:
     sys.exit(1)
 PY
@@ -116,8 +124,8 @@ distinct=$(printf '%s\n' "${offsets[@]}" | sort -u | wc -l)
 figure "distinct port offsets" "$distinct" "$devices" "$(verdict "$distinct" "$devices")"
 
 answered=0
-for offset in "${offsets[@]}"; do
-    qmp_answers $((23555 + offset)) && answered=$((answered + 1))
+for i in $(seq -w 1 $devices); do
+    qmp_answers "r$i" && answered=$((answered + 1))
 done
 figure "devices answering QMP" "$answered" "$devices" "$(verdict "$answered" "$devices")"
 qemu_running=$(for pid in $(locked_pids); do [ -d /proc/$pid ] && echo "$pid"; done | wc -l)
@@ -209,6 +217,32 @@ if ((devices >= 2)); then
 fi
 
 for i in $(seq -w 1 $devices); do "$qvctl" delete "r$i" >/dev/null 2>&1; done
+
+# A slow savevm: QEMU stops the guest at once and answers only when its memory is written.
+# Random data fills the guest's memory through QEMU's loader device (below 2 GiB and above
+# 4 GiB, where any 4 GiB machine has RAM).
+scripts/make-sample-image.sh "$work/big" 4096 >/dev/null
+blobs=
+for blob in 1024M@0x10000000 768M@0x50000000 1024M@0x100000000; do
+    head -c "${blob%@*}" /dev/urandom >"$work/big/${blob#*@}.bin"
+    blobs+="&-device[-1]=loader,file=$work/big/${blob#*@}.bin,addr=${blob#*@}"
+done
+saved=no
+if "$qvctl" create big --image "$work/big/demo-image.json" --profile "$work/big/demo-profile.json" >/dev/null 2>&1 \
+    && QV_QEMU_START_ARGS=${blobs#&} "$qvctl" start big >/dev/null 2>&1; then
+    # QEMU copies the data into the guest's memory before it answers QMP again.
+    for _ in $(seq 120); do qmp_answers big 1 && break; sleep 1; done
+    t0=$(now)
+    "$qvctl" snapshot save big slow >"$work/savevm.log" 2>&1 && saved=yes
+    took=$(ms_since "$t0")
+    figure "savevm of a 4 GiB guest" "$took ms" "> 10000 ms" "$( ((took > 10000)) && echo ok || echo FAILED)"
+    "$qvctl" stop big >/dev/null 2>&1
+    qemu-img snapshot -l "$QV_HOME/.Lumarik/Quorvel/deployed/big/system.qcow2" | grep -qw slow || saved="$saved, not listed"
+fi
+[ "$saved" = yes ] || cat "$work/savevm.log" >&2
+figure "savevm succeeded and listed" "$saved" yes "$(verdict "$saved" yes)"
+"$qvctl" delete big >/dev/null 2>&1
+rm -f "$work"/big/*.bin
 
 # Kills at each step, a full disk and racing pairs, every row.
 if scripts/data-safety.sh "$dir" >"$work/data-safety.log" 2>&1; then safety=passed; else safety=failed; grep -v ' ok' "$work/data-safety.log" >&2; fi
