@@ -361,6 +361,8 @@ private slots:
         // Already running: nothing new is launched.
         QCOMPARE(m_engine->startMachine(machine.get(), QString()), result);
         QCOMPARE(QSettings(machine->lockFilePath(), QSettings::IniFormat).value("pid").toLongLong(), m_pid);
+        // device.json lies in the folder QEMU holds as a FAT drive: no writes while it runs.
+        QVERIFY(!machine->save() && log.contains(QtCriticalMsg, "[VMTools] Writing in shared folder while QEMU is running is forbidden"));
         // Whatever its caller saw before, a device that runs is neither deleted, reset nor cloned.
         QVERIFY(!m_engine->deleteMachine(machine.get()) && m_engine->factoryReset(machine.get()) == 2);
         QVERIFY(!std::unique_ptr<VMToolsMachine>(m_engine->cloneMachine(machine.get(), "copy3")) && QFile::exists(system));
