@@ -22,6 +22,7 @@ const QMap<QString, QString> &flagOptions()
         {QStringLiteral("--quickboot"), QStringLiteral("quickboot")},
         {QStringLiteral("-h"), QStringLiteral("help")},
         {QStringLiteral("--help"), QStringLiteral("help")},
+        {QStringLiteral("--version"), QStringLiteral("version")},
     };
     return options;
 }
@@ -60,9 +61,10 @@ QString usageText()
 {
     return QStringLiteral(
         "Usage: qvctl [--json] [-v] [--plugin PATH] COMMAND [ARGUMENTS]\n"
+        "       qvctl [--json] [--plugin PATH] --version\n"
         "\n"
         "Commands:\n"
-        "  check                          check the QEMU installation, version and acceleration\n"
+        "  check                          check the QEMU installation, acceleration and host\n"
         "  list                           list the devices\n"
         "  info NAME                      show one device\n"
         "  create NAME --image OSIMAGE.json|IMAGE.ova --profile HWPROFILE.json [--sdcard MiB]\n"
@@ -77,12 +79,15 @@ QString usageText()
         "  resize NAME MiB                set the SD card size\n"
         "  sdcard NAME on|off             insert or remove the SD card\n"
         "  set NAME KEY VALUE             set a configuration value (JSON values are typed)\n"
+        "  log NAME                       print the device's QEMU log (qemu.log)\n"
         "\n"
         "Options:\n"
         "  --json          machine-readable output on standard output\n"
-        "  -v, --verbose   show the library's log lines (otherwise only warnings and worse)\n"
+        "  -v, --verbose   show the library's log lines (otherwise only its last critical line,\n"
+        "                  when a command fails)\n"
         "  --plugin PATH   the qemu module to load (else QV_PLUGIN_PATH, else beside qvctl)\n"
         "  -h, --help      this text\n"
+        "  --version       the versions of qvctl, the library and QEMU\n"
         "\n"
         "Exit codes:\n"
         "  0  success\n"

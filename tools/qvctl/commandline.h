@@ -11,7 +11,7 @@ struct CommandLine
     QString command;
     QStringList arguments;           // positional arguments after the command
     QMap<QString, QString> values;   // options with a value: plugin, image, profile, sdcard
-    QSet<QString> flags;             // json, verbose, quickboot, help
+    QSet<QString> flags;             // json, verbose, quickboot, help, version
     QString error;                   // non-empty when the line could not be parsed
 
     bool has(const QString &flag) const { return flags.contains(flag); }

@@ -3,8 +3,12 @@
 #include "devicelock.h"
 #include "enginehost.h"
 #include "exitcodes.h"
+#include "hostaccelerator.h"
+#include "hostinfo.h"
 #include "hostmemory.h"
 #include "logging.h"
+#include "playerfeaturesconfig.h"
+#include "productlinks.h"
 #include "version.h"
 #include "vmtoolsengine.h"
 #include "vmtoolsmachine.h"
@@ -24,6 +28,7 @@
 #include <QUuid>
 #include <QtEndian>
 
+#include <cstdio>
 #include <functional>
 
 namespace {
@@ -48,7 +53,7 @@ const QMap<QString, Arity> &arities()
         {QStringLiteral("delete"), {1, 1}}, {QStringLiteral("clone"), {2, 2}},
         {QStringLiteral("reset"), {1, 1}},  {QStringLiteral("snapshot"), {2, 3}},
         {QStringLiteral("resize"), {2, 2}}, {QStringLiteral("sdcard"), {2, 2}},
-        {QStringLiteral("set"), {3, 3}},
+        {QStringLiteral("set"), {3, 3}},    {QStringLiteral("log"), {1, 1}},
     };
     return table;
 }
@@ -82,10 +87,10 @@ struct StartFailure
 {
     int exitCode;
     const char *identifier;
-    const char *advice;
+    QString advice;
 };
 
-StartFailure startFailure(int result)
+StartFailure startFailure(int result, const QString &name)
 {
     switch (result) {
     case 4:
@@ -94,8 +99,8 @@ StartFailure startFailure(int result)
                 "make sure the hypervisor is accessible to this user, then run 'qvctl check'."};
     case 5:
         return {ExitCode::DeviceBusy, "devicenotstarted",
-                "a device or resource that QEMU needs is busy. Close the program holding it and start "
-                "again; qemu.log in the device directory has the details."};
+                QStringLiteral("a device or resource that QEMU needs is busy. Close the program holding it and start "
+                               "again; 'qvctl log %1' shows QEMU's log with the details.").arg(name)};
     case 6:
         return {ExitCode::SystemFileInUse, "incompatiblestate",
                 "another process is using a disk of this device. Stop the other QEMU using it, then start "
@@ -114,8 +119,8 @@ StartFailure startFailure(int result)
                 "of smaller ram_size."};
     default:
         return {ExitCode::Failure, "devicenotstarted",
-                "QEMU did not start or stopped too early. Read qemu.log in the device directory, or run "
-                "again with -v."};
+                QStringLiteral("QEMU did not start or stopped too early. Read its log with 'qvctl log %1', or run "
+                               "again with -v.").arg(name)};
     }
 }
 
@@ -192,6 +197,8 @@ Commands::Commands(const CommandLine &line, const Output &output) : m_line(line)
 
 QString Commands::checkUsage()
 {
+    if (m_line.has(QStringLiteral("version")))
+        return m_line.command.isEmpty() ? QString() : QStringLiteral("--version takes no command");
     if (m_line.command.isEmpty())
         return QStringLiteral("no command given");
     if (!arities().contains(m_line.command))
@@ -335,8 +342,10 @@ int Commands::run(VMToolsEngine *engine)
         {QStringLiteral("delete"), &Commands::remove},   {QStringLiteral("clone"), &Commands::clone},
         {QStringLiteral("reset"), &Commands::reset},     {QStringLiteral("snapshot"), &Commands::snapshot},
         {QStringLiteral("resize"), &Commands::resize},   {QStringLiteral("sdcard"), &Commands::sdcard},
-        {QStringLiteral("set"), &Commands::set},
+        {QStringLiteral("set"), &Commands::set},         {QStringLiteral("log"), &Commands::log},
     };
+    if (m_line.has(QStringLiteral("version")))
+        return version();
     return (this->*handlers.value(m_line.command))();
 }
 
@@ -390,8 +399,10 @@ int Commands::check()
     const bool versionOk = errors.isEmpty() && version >= minimum
         && (maximum.majorVersion < 0 || version <= maximum);
     const bool acceleration = m_engine->isAccelerationAvailable();
+    const HostAccelerator accelerator = hostAccelerator(acceleration);
     const bool virtualization = m_engine->isVirtualizationSupported();
     const bool ok = errors.isEmpty() && versionOk;
+    const QStringList flags = playerFeatures().enabledFlags();
 
     const QJsonObject report{{QStringLiteral("ok"), ok},
                              {QStringLiteral("engine"), m_engine->name()},
@@ -401,8 +412,16 @@ int Commands::check()
                              {QStringLiteral("maximumVersion"), versionText(maximum)},
                              {QStringLiteral("versionSupported"), versionOk},
                              {QStringLiteral("acceleration"), acceleration},
+                             {QStringLiteral("accelerator"), accelerator.name},
+                             {QStringLiteral("hardwareAcceleration"), accelerator.hardware},
+                             {QStringLiteral("acceleratorWarning"), accelerator.warning},
                              {QStringLiteral("cpuVendor"), m_engine->cpuVendor()},
                              {QStringLiteral("cpuVirtualization"), virtualization},
+                             {QStringLiteral("hostOs"), HostInfo::osVersion()},
+                             {QStringLiteral("hostArchitecture"), HostInfo::cpuArchitecture()},
+                             {QStringLiteral("featureFlags"), QJsonArray::fromStringList(flags)},
+                             {QStringLiteral("webSite"), ProductLinks::webSite().toString()},
+                             {QStringLiteral("downloadPage"), ProductLinks::downloadPage().toString()},
                              {QStringLiteral("devicesDirectory"), m_engine->devicesDirectory().absolutePath()}};
     if (m_out.isJson()) {
         if (ok)
@@ -414,9 +433,15 @@ int Commands::check()
                       {QStringLiteral("Supported"), QStringLiteral("%1 to %2 (%3)")
                                                           .arg(versionText(minimum), versionText(maximum),
                                                                versionOk ? QStringLiteral("ok") : QStringLiteral("NOT SUPPORTED"))},
-                      {QStringLiteral("Acceleration"), acceleration ? QStringLiteral("available") : QStringLiteral("not available")},
+                      {QStringLiteral("Accelerator"), accelerator.hardware ? accelerator.name
+                                                                           : accelerator.name + QStringLiteral(" (software, slow)")},
                       {QStringLiteral("CPU"), m_engine->cpuVendor()},
                       {QStringLiteral("CPU virtualisation"), virtualization ? QStringLiteral("supported") : QStringLiteral("not reported")},
+                      {QStringLiteral("Host OS"), HostInfo::osVersion()},
+                      {QStringLiteral("Host architecture"), HostInfo::cpuArchitecture()},
+                      {QStringLiteral("Feature flags"), flags.isEmpty() ? QStringLiteral("none") : flags.join(QLatin1Char(' '))},
+                      {QStringLiteral("Web site"), ProductLinks::webSite().toString()},
+                      {QStringLiteral("Download page"), ProductLinks::downloadPage().toString()},
                       {QStringLiteral("Devices"), m_engine->devicesDirectory().absolutePath()}});
     }
     if (!errors.isEmpty())
@@ -425,6 +450,58 @@ int Commands::check()
     if (!versionOk)
         return m_out.fail(ExitCode::Failure, QStringLiteral("QEMU %1 is outside the supported range. Install a supported QEMU version.")
                                                  .arg(m_engine->versionString()), QString(), report);
+    // Devices still run, only slowly: a warning, not a failure.
+    if (!accelerator.warning.isEmpty())
+        std::fprintf(stderr, "qvctl: warning: %s\n", qPrintable(accelerator.warning));
+    return ExitCode::Success;
+}
+
+int Commands::version()
+{
+    const QString own = QStringLiteral(QVCTL_VERSION);
+    const QStringList errors = m_engine->installationErrors();
+    if (!errors.isEmpty()) {
+        if (!m_out.isJson())
+            m_out.fields({{QStringLiteral("qvctl version"), own}, {QStringLiteral("library version"), own}});
+        return m_out.fail(ExitCode::Failure, QStringLiteral("QEMU is not installed correctly; 'qvctl check' tells more."),
+                          QStringLiteral("qemunotinstalled"),
+                          {{QStringLiteral("qvctl"), own}, {QStringLiteral("library"), own}});
+    }
+    if (m_out.isJson())
+        m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("qvctl"), own}, {QStringLiteral("library"), own},
+                    {QStringLiteral("qemu"), m_engine->versionString()}});
+    else
+        m_out.fields({{QStringLiteral("qvctl version"), own}, {QStringLiteral("library version"), own},
+                      {QStringLiteral("QEMU version"), m_engine->versionString()}});
+    return ExitCode::Success;
+}
+
+int Commands::log()
+{
+    const QString name = m_line.arguments.at(0);
+    const QDir folder(m_engine->devicesDirectory().absoluteFilePath(name));
+    if (!folder.exists())
+        return m_out.fail(ExitCode::UnknownDevice, QStringLiteral("no device named '%1'; 'qvctl list' shows the devices").arg(name));
+    QFile file(folder.absoluteFilePath(QStringLiteral("qemu.log")));
+    if (!file.exists())
+        return m_out.fail(ExitCode::Failure, QStringLiteral("device '%1' has no QEMU log yet; QEMU writes %2 when the device starts")
+                                                 .arg(name, file.fileName()));
+    if (!file.open(QIODevice::ReadOnly))
+        return m_out.fail(ExitCode::Failure, QStringLiteral("cannot read %1: %2").arg(file.fileName(), file.errorString()));
+    if (m_out.isJson()) {
+        // A log is text of modest size; a runaway one is cut to its last 16 MiB.
+        constexpr qint64 JsonLimit = 16 * 1024 * 1024;
+        if (file.size() > JsonLimit)
+            file.seek(file.size() - JsonLimit);
+        m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), name}, {QStringLiteral("path"), file.fileName()},
+                    {QStringLiteral("log"), QString::fromUtf8(file.read(JsonLimit))}});
+        return ExitCode::Success;
+    }
+    // Copied as it is, whatever its size, in bounded chunks.
+    QByteArray chunk;
+    while (!(chunk = file.read(64 * 1024)).isEmpty())
+        std::fwrite(chunk.constData(), 1, size_t(chunk.size()), stdout);
+    std::fflush(stdout);
     return ExitCode::Success;
 }
 
@@ -536,10 +613,10 @@ int Commands::start()
                     ? log.contains(QtDebugMsg, QStringLiteral("[VMTools] Virtual Machine status: on. Nothing to do."))
                     : runningBefore));
     if (result == ExitCode::DeviceBusy)
-        return failed({device->name()}, QString::fromLatin1(startFailure(result).advice));
+        return failed({device->name()}, startFailure(result, device->name()).advice);
     if (result != 1) {
-        const StartFailure failure = startFailure(result);
-        return m_out.fail(failure.exitCode, QString::fromLatin1(failure.advice), QString::fromLatin1(failure.identifier));
+        const StartFailure failure = startFailure(result, device->name());
+        return m_out.fail(failure.exitCode, failure.advice, QString::fromLatin1(failure.identifier));
     }
     device->status();  // picks up the port offset of the running QEMU
     const QJsonObject ports = portsJson(device.get());

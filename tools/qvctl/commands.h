@@ -36,6 +36,8 @@ private:
     int resize();
     int sdcard();
     int set();
+    int log();
+    int version();
 
     // Loads the named device; on failure writes the error and sets m_exitCode.
     std::unique_ptr<VMToolsMachine> machine(const QString &name);

@@ -14,12 +14,19 @@ namespace {
 
 bool s_verbose = false;
 LogRecorder *s_recorder = nullptr;
+QString s_lastCritical;
 
 void messageHandler(QtMsgType type, const QMessageLogContext &, const QString &message)
 {
     if (s_recorder)
         s_recorder->record(type, message);
-    if (!s_verbose && (type == QtDebugMsg || type == QtInfoMsg))
+    // A fresh home's settings migration is the normal first state, never a failure's cause.
+    if ((type == QtCriticalMsg || type == QtFatalMsg) && !message.startsWith(QLatin1String("Migrating settings")))
+        s_lastCritical = message;
+    // The library logs for its host's log file, not for a user at a terminal: a first run
+    // alone warns about settings files that do not exist yet. A failure shows the last
+    // critical line beside qvctl's own message; -v shows them all.
+    if (!s_verbose)
         return;
     std::fprintf(stderr, "%s\n", qPrintable(message));
     std::fflush(stderr);
@@ -97,6 +104,11 @@ void EngineHost::installMessageHandler(bool verbose)
 {
     s_verbose = verbose;
     qInstallMessageHandler(messageHandler);
+}
+
+QString EngineHost::hiddenCritical()
+{
+    return s_verbose ? QString() : s_lastCritical;
 }
 
 LogRecorder::LogRecorder()

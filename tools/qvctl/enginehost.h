@@ -27,8 +27,10 @@ public:
     // Points QV_QEMU_BIN_DIR at the qemu-system-x86_64 found on PATH when neither the
     // variable nor the bundled QEMU directory is there. Call before load().
     static void locateQemu();
-    // Shows every library line with verbose, otherwise warnings and worse only.
+    // Shows every library line with verbose, otherwise none.
     static void installMessageHandler(bool verbose);
+    // The library's last critical line when it was kept out of sight, for a failure to show.
+    static QString hiddenCritical();
 
 private:
     QLibrary m_library;
@@ -37,7 +39,7 @@ private:
 };
 
 // Keeps the library's log lines for as long as it lives, so that a command can tell what a
-// call did and name the step that failed. The lines are shown as before. One at a time.
+// call did and name the step that failed. Shown or hidden as the handler decides. One at a time.
 class LogRecorder
 {
 public:

@@ -1,5 +1,7 @@
 #include "output.h"
 
+#include "enginehost.h"
+
 #include <QJsonDocument>
 
 #include <chrono>
@@ -67,6 +69,9 @@ int Output::fail(int exitCode, const QString &message, const QString &identifier
                  const QJsonObject &details) const
 {
     const QString prefix = identifier.isEmpty() ? QString() : identifier + QStringLiteral(": ");
+    const QString cause = EngineHost::hiddenCritical();
+    if (!cause.isEmpty())
+        std::fprintf(stderr, "%s\n", qPrintable(cause));
     std::fprintf(stderr, "qvctl: %s%s\n", qPrintable(prefix), qPrintable(message));
     std::fflush(stderr);
     if (m_json) {
