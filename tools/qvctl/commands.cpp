@@ -434,7 +434,8 @@ int Commands::check()
                                                           .arg(versionText(minimum), versionText(maximum),
                                                                versionOk ? QStringLiteral("ok") : QStringLiteral("NOT SUPPORTED"))},
                       {QStringLiteral("Accelerator"), accelerator.hardware ? accelerator.name
-                                                                           : accelerator.name + QStringLiteral(" (software, slow)")},
+                                                      : accelerator.name + (acceleration ? QStringLiteral(" (software, slow)")
+                                                                                         : QStringLiteral(" (devices cannot start)"))},
                       {QStringLiteral("CPU"), m_engine->cpuVendor()},
                       {QStringLiteral("CPU virtualisation"), virtualization ? QStringLiteral("supported") : QStringLiteral("not reported")},
                       {QStringLiteral("Host OS"), HostInfo::osVersion()},

@@ -6,7 +6,7 @@
 // accelerators and quietly falls back to the software one, so asking QEMU is not enough.
 struct HostAccelerator
 {
-    QString name;     // "KVM", "TCG", "WHPX or HAXM", ...
+    QString name;     // "KVM", "TCG", "WHPX or HAXM" or "none"
     bool hardware = false;
     QString warning;  // what the user loses and how to fix it; empty when all is well
 };

@@ -7,8 +7,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-HostAccelerator hostAccelerator(bool)
+HostAccelerator hostAccelerator(bool engineAccelerates)
 {
+    if (!engineAccelerates)
+        return {QStringLiteral("none"), false,
+                QStringLiteral("QEMU runs with neither KVM nor TCG here, so devices cannot start. "
+                               "Run 'qvctl -v check' to see QEMU's answer.")};
     // QEMU needs the device node read-write; QV_KVM_DEVICE lets a test hide it.
     const QString node = qEnvironmentVariableIsEmpty("QV_KVM_DEVICE") ? QStringLiteral("/dev/kvm")
                                                                        : qEnvironmentVariable("QV_KVM_DEVICE");
