@@ -1,6 +1,7 @@
 #include "ovaextractor.h"
 
 #include "logging.h"
+#include "membercopy.h"
 #include "tarreader.h"
 
 #include <QDir>
@@ -12,7 +13,9 @@
 
 namespace {
 
-constexpr qint64 ChunkSize = 4096;
+// Where the data has to pass through memory: large enough that the calls cost little next
+// to the copying, small enough to keep the extraction's footprint low.
+constexpr qint64 ChunkSize = 1024 * 1024;
 
 // The cleaned record name climbs out of whatever it is joined to. Names starting with
 // ".." are refused as they stand (even "..name"); a rooted name such as "/../x" would
@@ -36,8 +39,24 @@ int extractRegularFile(mtar_t *tar, const mtar_header_t &header, const QString &
         Log::critical("Failed to open QFile: '", outPath, "'");
         return OvaOutputOpenFailed;
     }
-    std::vector<char> buffer(ChunkSize, '\0');
-    quint64 remaining = header.size;
+    FILE *archive = nullptr;
+    quint64 offset = 0;
+    QString errorText;
+    const MemberCopy copy = mtar_data_location(tar, &archive, &offset) == MTAR_ESUCCESS
+        ? copyMemberData(archive, offset, header.size, file, &errorText) : MemberCopy::Unsupported;
+    if (copy == MemberCopy::ReadFailed) {
+        Log::critical("Result calling mtar_read_data(): ret =", int(MTAR_EREADFAIL));
+        return OvaReadFailed;
+    }
+    if (copy == MemberCopy::WriteFailed) {
+        Log::critical("Got an error while writing file chunk to disk:", errorText);
+        Log::critical("Result calling writeFileChunk().");
+        return OvaWriteFailed;
+    }
+    std::vector<char> buffer;
+    quint64 remaining = copy == MemberCopy::Done ? 0 : header.size;
+    if (remaining > 0)
+        buffer.resize(size_t(std::min<quint64>(remaining, ChunkSize)));
     while (remaining > 0) {
         const qint64 chunk = qint64(std::min<quint64>(remaining, ChunkSize));
         const int ret = mtar_read_data(tar, buffer.data(), quint64(chunk));

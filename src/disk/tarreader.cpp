@@ -255,3 +255,12 @@ int mtar_read_data(mtar_t *tar, void *ptr, quint64 size)
         return streamSeek(tar, tar->last_header);
     return MTAR_ESUCCESS;
 }
+
+int mtar_data_location(mtar_t *tar, FILE **file, quint64 *offset)
+{
+    if (!tar || !tar->stream || !file || !offset || tar->remaining_data != 0 || tar->pos != tar->last_header)
+        return MTAR_EFAILURE;
+    *file = fileOf(tar);
+    *offset = tar->last_header + RecordSize;
+    return MTAR_ESUCCESS;
+}

@@ -2,6 +2,8 @@
 
 #include <QtGlobal>
 
+#include <cstdio>
+
 // A small sequential tar reader in the style of microtar. It walks an archive record by
 // record through the C stdio stream functions and never holds a record's data in memory.
 // Sizes and positions are 64-bit so members of 4 GiB and more work.
@@ -48,3 +50,9 @@ int mtar_close(mtar_t *tar);
 int mtar_current_header(mtar_t *tar, mtar_header_t *header);
 int mtar_next_record(mtar_t *tar);
 int mtar_read_data(mtar_t *tar, void *ptr, quint64 size);
+
+// Where the current record's data lies in the archive file, for a copy that bypasses the
+// stream: the open file and the offset of the first data byte. Only before any of the
+// record's data was read; the reader stays at the record's header, ready for
+// mtar_next_record.
+int mtar_data_location(mtar_t *tar, FILE **file, quint64 *offset);
