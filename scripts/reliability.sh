@@ -131,17 +131,42 @@ our_qemu_count() {
     echo "$n"
 }
 
+# Names the port that keeps the lowest untaken offset of the plan from the next start, and the
+# running device that holds it. The host ports are read from a running QEMU's forwards.
+declare -A device_at  # offset -> device
+explain_no_offset() {
+    local o p base other lock bases
+    for ((o = 0; o <= last_offset; o += offset_step)); do [ -n "${device_at[$o]:-}" ] || break; done
+    lock=$(find "$QV_HOME" -name qemu.lock | head -n1)
+    bases=$(tr '\0' '\n' <"/proc/$(sed -n 's/^pid=//p' "$lock")/cmdline" | grep -o 'hostfwd=tcp::[0-9]*' |
+            cut -d: -f3 | while read -r p; do echo $((p - $(sed -n 's/^offset=//p' "$lock"))); done)
+    for base in $bases; do
+        p=$((base + o))
+        ss -Hltn "sport = :$p" | grep -q . || continue
+        for other in $bases; do
+            [ -n "${device_at[$((p - other))]:-}" ] &&
+                echo "reliability: offset $o is not free: its port $p ($base + $o) is $other + $((p - other)), a port of ${device_at[$((p - other))]}" >&2
+        done
+    done
+}
+
 started=0
 offsets=()
 start_ms=()
+explained=0
 t0=$(now)
 for ((i = 0; i < devices; i++)); do
     s0=$(now)
     if reply=$("$qvctl" --json start "${names[$i]}" 2>"$work/start.err"); then
         started=$((started + 1))
         offsets+=("$(json_field 'd["ports"]["offset"]' <<<"$reply")")
+        device_at[${offsets[-1]}]=${names[$i]}
     else
         echo "reliability: ${names[$i]} did not start: $(tail -n 2 "$work/start.err")" >&2
+        if ((!explained)) && grep -q "Failed to determine a port offset" "$work/start.err"; then
+            explain_no_offset
+            explained=1
+        fi
     fi
     start_ms+=("$(ms_since "$s0")")
 done
