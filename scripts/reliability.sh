@@ -138,7 +138,7 @@ explain_no_offset() {
     local o p base other lock bases
     for ((o = 0; o <= last_offset; o += offset_step)); do [ -n "${device_at[$o]:-}" ] || break; done
     lock=$(find "$QV_HOME" -name qemu.lock | head -n1)
-    bases=$(tr '\0' '\n' <"/proc/$(sed -n 's/^pid=//p' "$lock")/cmdline" | grep -o 'hostfwd=tcp::[0-9]*' |
+    bases=$(tr '\0' '\n' <"/proc/$(sed -n 's/^pid=//p' "$lock")/cmdline" | grep -o 'hostfwd=tcp:[0-9.]*:[0-9]*' |
             cut -d: -f3 | while read -r p; do echo $((p - $(sed -n 's/^offset=//p' "$lock"))); done)
     for base in $bases; do
         p=$((base + o))
