@@ -18,38 +18,12 @@
 #include <QProcess>
 #include <QTemporaryDir>
 
-#include <algorithm>
 #include <cstdio>
 #include <vector>
 
 namespace {
 
 constexpr qint64 MiB = 1024 * 1024;
-
-// Pseudo-random blocks, cheap to make: one random MiB, stamped per block so no two
-// blocks of a member are alike.
-bool writeMember(const QString &path, qint64 size, quint64 seed)
-{
-    std::vector<quint64> block(MiB / sizeof(quint64));
-    quint64 x = seed * 0x9E3779B97F4A7C15ull + 1;
-    for (quint64 &word : block) {
-        x ^= x << 13;
-        x ^= x >> 7;
-        x ^= x << 17;
-        word = x;
-    }
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        return false;
-    for (qint64 written = 0, index = 0; written < size; ++index) {
-        block[0] = quint64(index) ^ seed;
-        const qint64 n = qMin(MiB, size - written);
-        if (file.write(reinterpret_cast<const char *>(block.data()), n) != n)
-            return false;
-        written += n;
-    }
-    return file.flush();
-}
 
 bool run(const QString &program, const QStringList &args, QByteArray *output = nullptr)
 {
@@ -99,26 +73,6 @@ bool sameFiles(const QString &a, const QString &b)
     return true;
 }
 
-// Settles the dirty pages of the previous run so that each run starts from the same state.
-void settle(const QString &dir)
-{
-    QDir(dir).removeRecursively();
-    run(QStringLiteral("sync"), {});
-}
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const size_t n = values.size();
-    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
-
-QString spread(const std::vector<double> &ratios)
-{
-    const auto range = std::minmax_element(ratios.begin(), ratios.end());
-    return QStringLiteral("per-round ratios %1 to %2").arg(*range.first, 0, 'f', 2).arg(*range.second, 0, 'f', 2);
-}
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -141,7 +95,7 @@ int main(int argc, char **argv)
     QDir().mkpath(source);
     const QStringList members{QStringLiteral("box.ovf"), QStringLiteral("system.vmdk")};
     const QString member = source + QLatin1String("/system.vmdk");
-    if (!writeMember(source + QLatin1String("/box.ovf"), 2345, 1) || !writeMember(member, memberMiB * MiB, 2)
+    if (!Bench::writePseudoRandom(source + QLatin1String("/box.ovf"), 2345, 1) || !Bench::writePseudoRandom(member, memberMiB * MiB, 2)
         || !run(QStringLiteral("tar"), QStringList{QStringLiteral("--format=ustar"), QStringLiteral("-cf"), archive,
                                                    QStringLiteral("-C"), source} + members)) {
         std::fprintf(stderr, "bench_ova: cannot make the archive in %s\n", qPrintable(work.path()));
@@ -157,10 +111,10 @@ int main(int argc, char **argv)
         return Bench::runProgramMs(QStringLiteral("cp"), {QStringLiteral("--reflink=never"), member, copied});
     };
     // Warm-up of all three, and a check that both extractions produced the same files.
-    settle(ours);
+    Bench::settle(ours);
     const Run warm = extractWithOurs(archive, ours);
-    settle(theirs);
-    settle(copied);
+    Bench::settle(theirs);
+    Bench::settle(copied);
     if (warm.ms < 0 || extractWithTar(archive, theirs) < 0 || copyWithCp() < 0) {
         std::fprintf(stderr, "bench_ova: an extraction or the copy failed\n");
         return 1;
@@ -179,9 +133,9 @@ int main(int argc, char **argv)
         Run r;
         double t = -1, c = -1;
         for (int turn = 0; turn < 3; ++turn) {
-            settle(ours);
-            settle(theirs);
-            settle(copied);
+            Bench::settle(ours);
+            Bench::settle(theirs);
+            Bench::settle(copied);
             switch ((round + turn) % 3) {
             case 0: r = extractWithOurs(archive, ours); break;
             case 1: t = extractWithTar(archive, theirs); break;
@@ -199,15 +153,15 @@ int main(int argc, char **argv)
         vsCp.push_back(r.ms / c);
         peak = qMax(peak, r.peakMiB);
     }
-    settle(ours);
-    settle(theirs);
-    settle(copied);
+    Bench::settle(ours);
+    Bench::settle(theirs);
+    Bench::settle(copied);
 
     const QString size = QStringLiteral("%1 MiB member, median of %2").arg(memberMiB).arg(rounds);
-    Bench::reportRatio(QStringLiteral("ova extract vs GNU tar (%1; %2)").arg(size, spread(vsTar)),
-                       median(oursMs), median(tarMs), QStringLiteral("ms"), 0.5);
-    Bench::reportRatio(QStringLiteral("ova extract vs cp --reflink=never (%1; %2)").arg(size, spread(vsCp)),
-                       median(oursMs), median(cpMs), QStringLiteral("ms"), 1.5);
+    Bench::reportRatio(QStringLiteral("ova extract vs GNU tar (%1; %2)").arg(size, Bench::spread(vsTar)),
+                       Bench::median(oursMs), Bench::median(tarMs), QStringLiteral("ms"), 0.5);
+    Bench::reportRatio(QStringLiteral("ova extract vs cp --reflink=never (%1; %2)").arg(size, Bench::spread(vsCp)),
+                       Bench::median(oursMs), Bench::median(cpMs), QStringLiteral("ms"), 1.5);
     Bench::reportAbsolute(QStringLiteral("ova extract peak RSS (VmHWM)"), peak, QStringLiteral("MiB"), 16);
     return 0;
 }
