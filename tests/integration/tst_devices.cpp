@@ -323,7 +323,12 @@ private slots:
         const QString system = machine->path() + "/system.qcow2";
         if (row["diskHeld"].toBool()) {
             m_holder.start(m_engine->qemuPath(), {"-nodefaults", "-display", "none", "-S", "-m", "64M", "-drive", "file=" + system + ",format=qcow2"});
-            QTRY_VERIFY_WITH_TIMEOUT(!runTool(m_img, {"info", system}, 5000), 30000);  // the image lock is taken
+            // Until QEMU holds the image's lock. QTRY counts its steps, not the time a slow
+            // check takes, so the clock bounds this wait.
+            bool held = false;
+            for (const QDeadlineTimer deadline(30000); !held && m_holder.state() != QProcess::NotRunning && !deadline.hasExpired(); QTest::qWait(100))
+                held = !runTool(m_img, {"info", system}, 5000);
+            QVERIFY2(held, qPrintable(m_holder.errorString() + m_holder.readAllStandardError()));
         }
         LogCapture log;
         const mode_t umask = ::umask(0);  // QEMU's socket open to all: only the folder guards it
