@@ -144,10 +144,12 @@ snapshot_on_disk() {
     echo "snapshot $2 holds $size of machine state"
 }
 
-# side_by_side NAME...: every guest answers ping while all of them run.
+# side_by_side NAME=HOST...: every guest answers ping, with its host name, while all of them
+# run. The guest names itself after the disk bus that the library gave it.
 side_by_side() {
-    local name port fds=() ports=() fd answer
-    for name in "$@"; do
+    local name host port fds=() ports=() fd answer pair
+    for pair in "$@"; do
+        name=${pair%%=*}
         port=$(port_of "$name")
         [ -n "$port" ] || fail "qvctl info $name shows no ADB serial" || return
         [[ " ${ports[*]} " != *" $port "* ]] || fail "$name shares port $port with another device" || return
@@ -156,9 +158,11 @@ side_by_side() {
     done
     for fd in "${fds[@]}"; do echo ping >&"$fd"; done
     local i=0
-    for name in "$@"; do
+    for pair in "$@"; do
+        name=${pair%%=*} host=${pair#*=}
         IFS= read -r -t 60 answer <&"${fds[$i]}" || answer=
-        [[ $answer == "pong "* ]] || fail "$name gave '$answer' on 127.0.0.1:${ports[$i]}" || return
+        [ "$answer" = "pong $host" ] ||
+            fail "$name answered '$answer' on 127.0.0.1:${ports[$i]}, expected 'pong $host'" || return
         echo "$name on 127.0.0.1:${ports[$i]}: ping -> '$answer'"
         i=$((i + 1))
     done
@@ -175,11 +179,8 @@ fi
 
 image=$work/image
 export QV_DEMO_DEB_CACHE=${QV_DEMO_DEB_CACHE:-$work/debs}
-make_images() {
-    scripts/make-sample-image.sh "$image" && scripts/make-sample-image.sh --ide "$image"
-}
 step "Make the demonstration OS images (a tiny Linux guest with virtio disks, and with IDE disks)" \
-    make_images
+    scripts/make-sample-image.sh --both "$image"
 step "Check the QEMU installation" "$qvctl" check
 step "Create device 'demo' (virtio disks)" "$qvctl" create demo --image "$image/demo-image.json" \
     --profile "$image/demo-profile.json"
@@ -204,7 +205,7 @@ step "Create device 'demo-ide' (IDE disks)" "$qvctl" create demo-ide --image "$i
     --profile "$image/demo-profile.json"
 step "Start 'demo' and wait for its guest" start_and_wait demo
 step "Start 'demo-ide' beside it and wait for its guest" start_and_wait demo-ide
-step "Both answer at the same time, each on its own port" side_by_side demo demo-ide
+step "Both answer at the same time, each on its own port" side_by_side demo=qvdemo-virtio demo-ide=qvdemo-ide
 step "List the devices" "$qvctl" list
 step "Stop 'demo-ide'" "$qvctl" stop demo-ide
 step "Stop 'demo'" "$qvctl" stop demo

@@ -9,23 +9,26 @@
 # and unpacked into a scratch folder (nothing is installed on the host). syslinux, mtools,
 # dosfstools and fdisk make the system disk bootable without root or loop devices.
 #
-# Usage: scripts/make-sample-image.sh [--ide] OUTPUT_DIR [RAM_MIB]
+# Usage: scripts/make-sample-image.sh [--ide|--both] OUTPUT_DIR [RAM_MIB]
 # Writes OUTPUT_DIR/demo-image.ova, OUTPUT_DIR/demo-image.json and OUTPUT_DIR/demo-profile.json.
 # --ide: the image says Android 8.0.0, so the library attaches its disks through IDE, not
 # virtio; writes demo-image-ide.ova and demo-image-ide.json instead (and the same profile).
+# --both: both images from one build of the guest. The guest answers ping with
+# "pong qvdemo-virtio" or "pong qvdemo-ide", after the disks it finds.
 # QV_DEMO_DEB_CACHE=DIR keeps the downloaded packages in DIR for the next run.
 set -euo pipefail
 
-ide=0
+variants=(virtio)
 args=()
 for arg in "$@"; do
     case "$arg" in
-        --ide) ide=1 ;;
-        -h|--help) sed -n '2,17p' "$0"; exit 0 ;;
+        --ide) variants=(ide) ;;
+        --both) variants=(virtio ide) ;;
+        -h|--help) sed -n '2,19p' "$0"; exit 0 ;;
         *) args+=("$arg") ;;
     esac
 done
-out=${args[0]:?usage: make-sample-image.sh [--ide] OUTPUT_DIR [RAM_MIB]}
+out=${args[0]:?usage: make-sample-image.sh [--ide|--both] OUTPUT_DIR [RAM_MIB]}
 ram=${args[1]:-256}
 guest_src=$(cd "$(dirname "$0")/demo-guest" && pwd)
 for tool in qemu-img apt-get dpkg-deb cpio gzip sfdisk mkfs.vfat mcopy syslinux; do
@@ -34,17 +37,6 @@ done
 mbr=/usr/lib/syslinux/mbr/mbr.bin
 [ -r "$mbr" ] || { echo "$mbr is missing: run scripts/install-deps.sh" >&2; exit 1; }
 
-if ((ide)); then
-    base=demo-image-ide
-    hostname=qvdemo-ide
-    os_version=8.0.0 sdk=26
-    title="Demo guest (IDE disks, no Android)"
-else
-    base=demo-image
-    hostname=qvdemo
-    os_version=11.0.0 sdk=30
-    title="Demo guest (virtio disks, no Android)"
-fi
 mkdir -p "$out"
 out=$(cd "$out" && pwd)
 work=$(mktemp -d)
@@ -123,7 +115,7 @@ TIMEOUT 0
 LABEL demo
     LINUX /vmlinuz
     INITRD /initrd.gz
-    APPEND quiet loglevel=3 qv.hostname=$hostname
+    APPEND quiet loglevel=3
 CFG
 disk=$work/system.raw
 disk_mib=24
@@ -138,7 +130,13 @@ dd if="$mbr" of="$disk" bs=440 count=1 conv=notrunc status=none
 
 qemu-img convert -q -f raw -O vmdk -o subformat=streamOptimized "$disk" "$work/system.vmdk"
 qemu-img create -q -f vmdk -o subformat=streamOptimized "$work/data.vmdk" 32M
-cat > "$work/$base.ovf" <<'OVF'
+for variant in "${variants[@]}"; do
+    if [ "$variant" = ide ]; then
+        base=demo-image-ide os_version=8.0.0 sdk=26 title="Demo guest (IDE disks, no Android)"
+    else
+        base=demo-image os_version=11.0.0 sdk=30 title="Demo guest (virtio disks, no Android)"
+    fi
+    cat > "$work/$base.ovf" <<'OVF'
 <?xml version="1.0" encoding="UTF-8"?>
 <!-- Demonstration image: a tiny Linux guest on the system disk, a blank data disk. -->
 <Envelope xmlns="http://schemas.dmtf.org/ovf/envelope/1">
@@ -148,9 +146,8 @@ cat > "$work/$base.ovf" <<'OVF'
   </References>
 </Envelope>
 OVF
-tar -C "$work" -cf "$out/$base.ova" "$base.ovf" system.vmdk data.vmdk
-
-cat > "$out/$base.json" <<JSON
+    tar -C "$work" -cf "$out/$base.ova" "$base.ovf" system.vmdk data.vmdk
+    cat > "$out/$base.json" <<JSON
 {
     "version": "1.1.0",
     "name": "$title",
@@ -167,6 +164,8 @@ cat > "$out/$base.json" <<JSON
     "is_beta": false
 }
 JSON
+    echo "$out/$base.ova ($(( ($(stat -c %s "$out/$base.ova") + 1048575) / 1048576 )) MiB)"
+done
 
 cat > "$out/demo-profile.json" <<JSON
 {
@@ -194,4 +193,3 @@ cat > "$out/demo-profile.json" <<JSON
     }
 }
 JSON
-echo "$out/$base.ova ($(( ($(stat -c %s "$out/$base.ova") + 1048575) / 1048576 )) MiB)"
