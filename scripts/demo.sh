@@ -134,7 +134,7 @@ start_and_wait() {
 snapshot_on_disk() {
     local dir listing size
     dir=$("$qvctl" info "$1" | sed -n 's/^path: *//p')
-    listing=$(qemu-img snapshot -l "$dir/system.qcow2") || fail "qemu-img cannot read $dir/system.qcow2" || return
+    listing=$(qemu-img snapshot -l "$dir/system.qcow2" | sed 's/ *$//') || fail "qemu-img cannot read $dir/system.qcow2" || return
     echo "\$ qemu-img snapshot -l .../$1/system.qcow2"
     echo "$listing"
     size=$(awk -v tag="$2" '$2 == tag { print $3, $4 }' <<<"$listing")
