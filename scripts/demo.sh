@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
 # The whole life of one virtual device, from a fresh Debian 12 machine:
-# installs the dependencies, builds, makes a demonstration image (blank disks, no Android),
-# then creates a device, starts it under QEMU (KVM when available, TCG otherwise), shows its
-# ports and ADB serial, saves a snapshot, stops it, lists the snapshots, clones it,
-# factory-resets the clone and deletes both.
+# installs the dependencies, builds, makes two demonstration images (a tiny Linux guest, no
+# Android: one with virtio disks, one with IDE disks), then creates a device, starts it under
+# QEMU (KVM when available, TCG otherwise) and checks each step through the guest's answers on
+# the forwarded ADB port: a stored text survives a snapshot, a stop and a clone, a factory
+# reset wipes it, and a second device answers beside the first. Deletes every device at the end.
 #
 # Usage: scripts/demo.sh [--no-build] [HOME_DIR]
 #   HOME_DIR (or QV_DEMO_HOME): the QV_HOME to use; a temporary one, removed at the end, by default.
 #   --no-build: use the qvctl already built in build/ (or the one named by QVCTL).
+#   QV_DEMO_BOOT_TIMEOUT: seconds a guest may take to answer after its start (default 180).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -17,20 +19,23 @@ home=${QV_DEMO_HOME:-}
 for arg in "$@"; do
     case "$arg" in
         --no-build) build=0 ;;
-        -h|--help) sed -n '2,12p' "$0"; exit 0 ;;
+        -h|--help) sed -n '2,13p' "$0"; exit 0 ;;
         *) home=$arg ;;
     esac
 done
+boot_timeout=${QV_DEMO_BOOT_TIMEOUT:-180}
 
 now() { date +%s%N; }
 # seconds_since T0: the time since T0 (from now) in seconds.
 seconds_since() { awk -v a="$1" -v b="$(now)" 'BEGIN { printf "%.1f", (b - a) / 1e9 }'; }
 demo_start=$(now)
 step_no=0
+step_label=
 # step LABEL COMMAND...: runs one step, prints its output indented and its time.
 step() {
     local label=$1; shift
     step_no=$((step_no + 1))
+    step_label=$label
     printf '\n[%d] %s\n' "$step_no" "$label"
     local t0 rc=0
     t0=$(now)
@@ -56,12 +61,113 @@ mkdir -p "$home"
 export QV_HOME=$home
 
 cleanup() {
+    local rc=$? name
     # Never leave a QEMU behind, whatever failed.
-    "$qvctl" stop demo >/dev/null 2>&1 || true
-    "$qvctl" stop demo-clone >/dev/null 2>&1 || true
+    for name in demo demo-clone demo-ide; do
+        "$qvctl" stop "$name" >/dev/null 2>&1 || true
+    done
     rm -rf "$work"
+    if [ "$rc" -ne 0 ]; then
+        printf '\nDemo FAILED at step %d (%s), exit %d\n' "$step_no" "$step_label" "$rc" >&2
+    fi
 }
 trap cleanup EXIT
+
+# fail MESSAGE: ends the step (and so the demo) with MESSAGE.
+fail() { echo "FAILED: $*"; return 1; }
+
+# port_of NAME: the host port that forwards to the guest's port 5555, as qvctl reports it.
+port_of() {
+    "$qvctl" info "$1" | sed -n 's/^adbSerial: *127\.0\.0\.1:\([0-9][0-9]*\)$/\1/p'
+}
+
+# ask TIMEOUT PORT REQUEST...: sends the requests on one connection to the guest and prints
+# one answer line per request; fails when an answer takes more than TIMEOUT seconds.
+ask() {
+    local timeout=$1 port=$2 fd line
+    shift 2
+    exec {fd}<>"/dev/tcp/127.0.0.1/$port" || return 1
+    printf '%s\n' "$@" >&"$fd" || { exec {fd}<&-; return 1; }
+    for _ in "$@"; do
+        IFS= read -r -t "$timeout" line <&"$fd" || { exec {fd}<&-; return 1; }
+        printf '%s\n' "$line"
+    done
+    exec {fd}<&-
+}
+
+# expect REQUEST WANTED PORT: asks the guest and checks the answer word for word.
+expect() {
+    local answer
+    answer=$(ask 60 "$3" "$1" 2>/dev/null) || fail "no answer to '$1' on 127.0.0.1:$3" || return
+    [ "$answer" = "$2" ] || fail "'$1' answered '$answer', expected '$2'" || return
+    echo "$1 -> '$answer'"
+}
+
+# wait_for_guest NAME T0: waits until the guest of NAME answers ping on its forwarded port,
+# and tells how long that took since T0. Until the guest listens, the forward takes the
+# connection but never answers, so each try is short.
+wait_for_guest() {
+    local port t0=$2 answer
+    port=$(port_of "$1")
+    [ -n "$port" ] || fail "qvctl info $1 shows no ADB serial" || return
+    while :; do
+        if answer=$(ask 2 "$port" ping 2>/dev/null) && [[ $answer == "pong "* ]]; then
+            echo "127.0.0.1:$port answered '$answer' $(seconds_since "$t0") s after the start command"
+            return 0
+        fi
+        [ $(( ($(now) - t0) / 1000000000 )) -lt "$boot_timeout" ] ||
+            fail "the guest of $1 did not answer on 127.0.0.1:$port within $boot_timeout s" || return
+        sleep 0.5
+    done
+}
+
+# start_and_wait NAME: starts NAME and waits for its guest.
+start_and_wait() {
+    local t0
+    t0=$(now)
+    "$qvctl" start "$1" || return
+    wait_for_guest "$1" "$t0"
+}
+
+# snapshot_on_disk NAME SNAPSHOT: qemu-img shows SNAPSHOT on the system disk of the stopped
+# NAME with the machine's state in it.
+snapshot_on_disk() {
+    local dir listing size
+    dir=$("$qvctl" info "$1" | sed -n 's/^path: *//p')
+    listing=$(qemu-img snapshot -l "$dir/system.qcow2" | sed 's/ *$//') || fail "qemu-img cannot read $dir/system.qcow2" || return
+    echo "\$ qemu-img snapshot -l .../$1/system.qcow2"
+    echo "$listing"
+    size=$(awk -v tag="$2" '$2 == tag { print $3, $4 }' <<<"$listing")
+    [ -n "$size" ] || fail "no snapshot $2 on the system disk" || return
+    awk -v s="${size%% *}" 'BEGIN { exit !(s + 0 > 0) }' ||
+        fail "snapshot $2 holds no machine state (VM size $size)" || return
+    echo "snapshot $2 holds $size of machine state"
+}
+
+# side_by_side NAME=HOST...: every guest answers ping, with its host name, while all of them
+# run. The guest names itself after the disk bus that the library gave it.
+side_by_side() {
+    local name host port fds=() ports=() fd answer pair
+    for pair in "$@"; do
+        name=${pair%%=*}
+        port=$(port_of "$name")
+        [ -n "$port" ] || fail "qvctl info $name shows no ADB serial" || return
+        [[ " ${ports[*]} " != *" $port "* ]] || fail "$name shares port $port with another device" || return
+        exec {fd}<>"/dev/tcp/127.0.0.1/$port" || fail "cannot connect to 127.0.0.1:$port" || return
+        fds+=("$fd") ports+=("$port")
+    done
+    for fd in "${fds[@]}"; do echo ping >&"$fd"; done
+    local i=0
+    for pair in "$@"; do
+        name=${pair%%=*} host=${pair#*=}
+        IFS= read -r -t 60 answer <&"${fds[$i]}" || answer=
+        [ "$answer" = "pong $host" ] ||
+            fail "$name answered '$answer' on 127.0.0.1:${ports[$i]}, expected 'pong $host'" || return
+        echo "$name on 127.0.0.1:${ports[$i]}: ping -> '$answer'"
+        i=$((i + 1))
+    done
+    for fd in "${fds[@]}"; do exec {fd}<&-; done
+}
 
 echo
 echo "QV_HOME=$QV_HOME"
@@ -71,19 +177,39 @@ else
     echo "Accelerator: TCG (no usable /dev/kvm; slower, but the demo works the same)"
 fi
 
-step "Make a demonstration OS image (blank VMDK disks in an OVA, no Android inside)" \
-    scripts/make-sample-image.sh "$work/image"
+image=$work/image
+export QV_DEMO_DEB_CACHE=${QV_DEMO_DEB_CACHE:-$work/debs}
+step "Make the demonstration OS images (a tiny Linux guest with virtio disks, and with IDE disks)" \
+    scripts/make-sample-image.sh --both "$image"
 step "Check the QEMU installation" "$qvctl" check
-step "Create device 'demo'" "$qvctl" create demo --image "$work/image/demo-image.json" \
-    --profile "$work/image/demo-profile.json"
-step "Start 'demo' under QEMU" "$qvctl" start demo
-step "Show 'demo'" "$qvctl" info demo
-step "Save snapshot 'demo_snapshot'" "$qvctl" snapshot save demo demo_snapshot
+step "Create device 'demo' (virtio disks)" "$qvctl" create demo --image "$image/demo-image.json" \
+    --profile "$image/demo-profile.json"
+step "Start 'demo' and wait for its guest" start_and_wait demo
+port=$(port_of demo)
+step "Store 'hello' on the data disk of 'demo'" expect "put hello" ok "$port"
+step "Save snapshot 'demo_snapshot' while 'demo' runs" "$qvctl" snapshot save demo demo_snapshot
 step "Stop 'demo'" "$qvctl" stop demo
-step "List the snapshots of 'demo'" "$qvctl" snapshot list demo
+step "The snapshot holds the running machine" snapshot_on_disk demo demo_snapshot
+step "Start 'demo' again and wait for its guest" start_and_wait demo
+step "The data disk of 'demo' kept 'hello'" expect get hello "$(port_of demo)"
+step "Stop 'demo'" "$qvctl" stop demo
 step "Clone 'demo' to 'demo-clone'" "$qvctl" clone demo demo-clone
+step "Start 'demo-clone' and wait for its guest" start_and_wait demo-clone
+step "The clone has 'hello' too" expect get hello "$(port_of demo-clone)"
+step "Stop 'demo-clone'" "$qvctl" stop demo-clone
 step "Factory-reset 'demo-clone'" "$qvctl" reset demo-clone
+step "Start 'demo-clone' and wait for its guest" start_and_wait demo-clone
+step "The reset clone's data disk is blank (an empty answer)" expect get "" "$(port_of demo-clone)"
+step "Stop 'demo-clone'" "$qvctl" stop demo-clone
+step "Create device 'demo-ide' (IDE disks)" "$qvctl" create demo-ide --image "$image/demo-image-ide.json" \
+    --profile "$image/demo-profile.json"
+step "Start 'demo' and wait for its guest" start_and_wait demo
+step "Start 'demo-ide' beside it and wait for its guest" start_and_wait demo-ide
+step "Both answer at the same time, each on its own port" side_by_side demo=qvdemo-virtio demo-ide=qvdemo-ide
 step "List the devices" "$qvctl" list
+step "Stop 'demo-ide'" "$qvctl" stop demo-ide
+step "Stop 'demo'" "$qvctl" stop demo
+step "Delete 'demo-ide'" "$qvctl" delete demo-ide
 step "Delete 'demo-clone'" "$qvctl" delete demo-clone
 step "Delete 'demo'" "$qvctl" delete demo
 step "List the devices" "$qvctl" list

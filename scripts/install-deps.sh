@@ -9,6 +9,7 @@ packages=(
     qemu-system-x86 qemu-utils
     g++-mingw-w64-x86-64
     tar python3 procps iproute2
+    syslinux syslinux-common mtools dosfstools fdisk cpio gzip
 )
 
 missing=()
