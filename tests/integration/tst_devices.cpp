@@ -155,6 +155,10 @@ private slots:
         for (const char *tag : {"booted", "odd-tag"})
             QVERIFY(runTool(m_img, {"snapshot", "-c", tag, dev + "/system.qcow2"}));
         QVERIFY(runTool(m_img, {"snapshot", "-c", "booted", dev + "/sdcard.qcow2"}) && writeFile(keep->snapshotFilePath(), "state"));
+        // A system disk that refuses the deletion (held, damaged) keeps the snapshot whole.
+        script({QJsonObject{{"match", QJsonArray{"snapshot", "-d"}}, {"exit", 1}}});
+        QVERIFY(!m_engine->deleteSnapshot(keep.get(), "booted") && QFile::exists(keep->snapshotFilePath()));
+        QVERIFY(!calls().contains("data.qcow2"));
         script();
         QCOMPARE(m_engine->listSnapshots(keep.get()), QStringList{"booted"});
         QVERIFY(m_engine->deleteSnapshot(keep.get(), "booted") && m_engine->deleteSnapshot(keep.get(), "absent"));
