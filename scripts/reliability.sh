@@ -42,8 +42,17 @@ if [ -z "${QV_RELIABILITY_IN_NETNS:-}" ]; then
     if ((build)); then
         scripts/build.sh "$dir" >/dev/null || { echo "reliability: build failed" >&2; exit 1; }
     fi
+    # The images first: the namespace has no way out to Debian's mirrors for the guest's parts.
+    images=$(mktemp -d)
+    if ! scripts/make-sample-image.sh --blank "$images/blank" 128 >"$images/make.log" 2>&1 ||
+        ! scripts/make-sample-image.sh "$images/guest" >>"$images/make.log" 2>&1; then
+        cat "$images/make.log" >&2
+        echo "reliability: cannot make the images" >&2
+        rm -rf "$images"
+        exit 1
+    fi
     # Without a namespace of its own the suite fails rather than skip its device checks.
-    QV_RELIABILITY_IN_NETNS=1 QV_REQUIRE_QEMU=1 exec sh tests/support/netns-run.sh \
+    QV_RELIABILITY_IMAGES=$images QV_RELIABILITY_IN_NETNS=1 QV_REQUIRE_QEMU=1 exec sh tests/support/netns-run.sh \
         bash "$root/scripts/reliability.sh" --no-build --fuzz-seconds "$fuzz_seconds" "$dir"
 fi
 qvctl=$root/$dir/tools/qvctl/qvctl
@@ -51,6 +60,7 @@ qvctl=$root/$dir/tools/qvctl/qvctl
 [ -x "$qvctl" ] || { echo "reliability: no qvctl in $dir" >&2; exit 1; }
 
 work=$(mktemp -d)
+images=${QV_RELIABILITY_IMAGES:?}
 export QV_HOME=$work/home
 mkdir -p "$QV_HOME"
 unset QV_TRIGGER_ERROR QV_QEMU_START_ARGS QV_OSIMAGE_ARCH_LIST
@@ -61,7 +71,7 @@ locked_pids() {
 }
 cleanup() {
     for pid in $(locked_pids); do kill -9 "$pid" 2>/dev/null || true; done
-    rm -rf "$work"
+    rm -rf "$work" "$images"
 }
 trap cleanup EXIT
 trap 'exit 130' INT TERM
@@ -108,7 +118,6 @@ PY
 }
 
 echo "reliability: QV_HOME=$QV_HOME" >&2
-scripts/make-sample-image.sh --blank "$work/image" 128 >/dev/null || { echo "reliability: cannot make the image" >&2; exit 1; }
 
 # Devices started one after another, more than the port plan holds side by side.
 last_offset=693
@@ -118,7 +127,7 @@ for i in $(seq -w 1 "$devices"); do names+=("r$i"); done
 created=0
 t0=$(now)
 for name in "${names[@]}"; do
-    "$qvctl" create "$name" --image "$work/image/demo-image.json" --profile "$work/image/demo-profile.json" \
+    "$qvctl" create "$name" --image "$images/blank/demo-image.json" --profile "$images/blank/demo-profile.json" \
         >/dev/null 2>&1 && created=$((created + 1))
 done
 figure "devices created" "$created" "$devices" "$(verdict "$created" "$devices")"
@@ -276,11 +285,11 @@ boot_times=()
 home_of_blank=$QV_HOME
 export QV_HOME=$home_of_blank/guests
 mkdir -p "$QV_HOME"
-if scripts/make-sample-image.sh "$work/guest" >"$work/guest.log" 2>&1; then
+if [ -f "$images/guest/demo-image.json" ]; then
     pairs=()
     for i in $(seq "$guests"); do
         answer=
-        if "$qvctl" create "g$i" --image "$work/guest/demo-image.json" --profile "$work/guest/demo-profile.json" >>"$work/guest.log" 2>&1 &&
+        if "$qvctl" create "g$i" --image "$images/guest/demo-image.json" --profile "$images/guest/demo-profile.json" >>"$work/guest.log" 2>&1 &&
             t0=$(now) && "$qvctl" start "g$i" >>"$work/guest.log" 2>&1 && answer=$(wait_for_guest "g$i" "$t0"); then
             booted=$((booted + 1))
             pairs+=("g$i=qvdemo-virtio")
@@ -369,14 +378,14 @@ for name in "${names[@]}"; do "$qvctl" delete "$name" >/dev/null 2>&1; done
 # The same image as above (another archive of the same versions would be refused), 4 GiB of RAM.
 mkdir -p "$work/big"
 python3 -c 'import json,sys; p=json.load(open(sys.argv[1])); p["ram_size"]=4096; print(json.dumps(p))' \
-    "$work/image/demo-profile.json" >"$work/big/demo-profile.json"
+    "$images/blank/demo-profile.json" >"$work/big/demo-profile.json"
 blobs=
 for blob in 1024M@0x10000000 768M@0x50000000 1024M@0x100000000; do
     head -c "${blob%@*}" /dev/urandom >"$work/big/${blob#*@}.bin"
     blobs+="&-device[-1]=loader,file=$work/big/${blob#*@}.bin,addr=${blob#*@}"
 done
 saved=no
-if "$qvctl" create big --image "$work/image/demo-image.json" --profile "$work/big/demo-profile.json" >"$work/savevm.log" 2>&1 \
+if "$qvctl" create big --image "$images/blank/demo-image.json" --profile "$work/big/demo-profile.json" >"$work/savevm.log" 2>&1 \
     && QV_QEMU_START_ARGS=${blobs#&} "$qvctl" start big >>"$work/savevm.log" 2>&1; then
     # QEMU copies the data into the guest's memory before it answers QMP again.
     for _ in $(seq 120); do qmp_answers big 1 && break; sleep 1; done
