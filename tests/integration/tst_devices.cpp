@@ -156,7 +156,7 @@ private slots:
             QVERIFY(runTool(m_img, {"snapshot", "-c", tag, dev + "/system.qcow2"}));
         QVERIFY(runTool(m_img, {"snapshot", "-c", "booted", dev + "/sdcard.qcow2"}) && writeFile(keep->snapshotFilePath(), "state"));
         // A system disk that refuses the deletion (held, damaged) keeps the snapshot whole.
-        script({QJsonObject{{"match", QJsonArray{"snapshot", "-d"}}, {"exit", 1}}});
+        script({QJsonObject{{"match", QJsonArray{"snapshot -d "}}, {"exit", 1}}});
         QVERIFY(!m_engine->deleteSnapshot(keep.get(), "booted") && QFile::exists(keep->snapshotFilePath()));
         QVERIFY(!calls().contains("data.qcow2"));
         script();
