@@ -48,8 +48,15 @@ wait_for_guest() {
             echo "127.0.0.1:$port answered '$answer' $(seconds_since "$t0") s after the start command"
             return 0
         fi
-        [ $(( ($(now) - t0) / 1000000000 )) -lt "$boot_timeout" ] ||
+        # A guest that KVM could not run never answers: say why instead of waiting it out.
+        if "$qvctl" log "$1" 2>/dev/null | grep -q '^KVM internal error'; then
+            "$qvctl" log "$1" | head -n 12
+            fail "QEMU stopped the guest of $1 with a KVM internal error: this host's KVM cannot run it (see \"KVM that cannot boot the guest\" in the README)" || return
+        fi
+        if [ $(( ($(now) - t0) / 1000000000 )) -ge "$boot_timeout" ]; then
+            "$qvctl" log "$1" | tail -n 12
             fail "the guest of $1 did not answer on 127.0.0.1:$port within $boot_timeout s" || return
+        fi
         sleep 0.5
     done
 }
