@@ -1,7 +1,9 @@
 #include "casetable.h"
 #include "fixtures.h"
+#include "hostdirectories.h"
 #include "qemuengine.h"
 #include "qemumachine.h"
+#include "qmpsocket.h"
 
 #include <QTemporaryDir>
 
@@ -67,7 +69,13 @@ const QMap<QString, Operation> folderOperations{
     {"waitForQemuEnd", [](QEMUMachine &m, const QJsonValue &) { m.waitForQemuEnd(); return QJsonValue(); }},
     {"writeLockFile", [](QEMUMachine &m, const QJsonValue &v) { return m.writeLockFile(7, v.toInt()); }},
     {"start", [](QEMUMachine &m, const QJsonValue &v) { return m.start(v.toString(), {}, 7); }},
-    {"createSystemDisk", [](QEMUMachine &m, const QJsonValue &) { return m.createSystemDisk(testImage()); }},
+    {"createSystemDisk", [](QEMUMachine &m, const QJsonValue &files) {  // these files in the image's reference folder
+        const QString reference = systemImageDirectory(testImage().osVersion, testImage().imageVersion);
+        for (const QJsonValue &name : files.toArray())
+            writeFile(reference + "/" + name.toString(), "x");
+        const bool made = m.createSystemDisk(testImage());
+        return QDir(reference).removeRecursively() && made;
+    }},
     {"setSdCardInserted", [](QEMUMachine &m, const QJsonValue &v) { return QJsonArray{m.setSdCardInserted(v.toBool()), m.isSdCardInserted()}; }},
     {"setSdCardSize", [](QEMUMachine &m, const QJsonValue &v) { return QJsonArray{m.setSdCardSize(v.toInt()), m.sdCardSize()}; }},
     {"ports", [](QEMUMachine &m, const QJsonValue &refresh) {  // as a new machine object of the folder sees them
@@ -120,38 +128,34 @@ private slots:
         g_engine = m_engine.get();
     }
 
+    // Rows: operation, value, path in device.json -> value it holds, the reload's value if another.
     void setterRewritesDeviceJson_data()
     {
-        QTest::addColumn<QString>("operation");
-        QTest::addColumn<QJsonValue>("value");
-        QTest::addColumn<QJsonObject>("changes");  // path in device.json -> value it holds
-        QTest::addColumn<QJsonValue>("reloadedValue");  // the value a reload gives back
+        QTest::addColumn<QJsonArray>("row");
         const QJsonArray rows = QJsonDocument::fromJson(fileContents(QV_TEST_DATA_DIR "/engine/setters.json")).array();
-        QCOMPARE(rows.size(), 34);
+        QCOMPARE(rows.size(), operations.size());
         for (const QJsonValue &row : rows)
-            QTest::newRow(qPrintable(row[0].toString())) << row[0].toString() << row[1] << row[2].toObject()
-                                               << (row[3].isUndefined() ? row[1] : row[3]);
+            QTest::newRow(qPrintable(row[0].toString())) << row.toArray();
     }
     void setterRewritesDeviceJson()
     {
-        QFETCH(QString, operation);
-        QFETCH(QJsonValue, value);
-        QFETCH(QJsonObject, changes);
-        QFETCH(QJsonValue, reloadedValue);
+        QFETCH(QJsonArray, row);
+        const auto operation = operations.value(row[0].toString());
+        const QJsonObject changes = row[2].toObject();
         QTemporaryDir dir;
         auto machine = newMachine(dir);
-        QVERIFY(machine && operations.contains(operation));
+        QVERIFY(machine && operation.first);
         QJsonValue expected = jsonFileObject(machine->deviceJsonPath());
         for (auto it = changes.begin(); it != changes.end(); ++it)
             expected = withChange(expected, it.key().split('/'), it.value());
 
         // Blanked first, so that only a real rewrite brings the whole file back.
         QVERIFY(writeFile(machine->deviceJsonPath(), "{}"));
-        QVERIFY(operations[operation].first(*machine, value));
+        QVERIFY(operation.first(*machine, row[1]));
         QCOMPARE(QJsonValue(jsonFileObject(machine->deviceJsonPath())), expected);
         QEMUMachine reloaded(m_engine.get(), machine->path());
         QVERIFY(reloaded.load());
-        QCOMPARE(operations[operation].second(reloaded), reloadedValue);
+        QCOMPARE(operation.second(reloaded), row.size() > 3 ? row[3] : row[1]);
     }
 
     // An operation on a device folder prepared by the row ("files", "$PID": this test's pid;
@@ -174,7 +178,7 @@ private slots:
         const QJsonValue result = folderOperations[c["op"].toString()](machine, c["value"]);
         QVERIFY(setrlimit(RLIMIT_FSIZE, &saved) == 0);
         QCOMPARE(result, c["result"]);
-        QV_COMPARE_JSON(QJsonArray::fromStringList(log.all().replaceInStrings(dir.path(), "D").replaceInStrings(m_bin.path(), "B")), c["log"].toArray());
+        QV_COMPARE_JSON(QJsonArray::fromStringList(log.all().replaceInStrings(dir.path(), "D").replaceInStrings(m_bin.path(), "B").replaceInStrings(m_home.path(), "H")), c["log"].toArray());
         for (auto it = after.begin(); it != after.end(); ++it)
             QCOMPARE(QFileInfo::exists(dir.filePath("dev/" + it.key())) ? QJsonValue(QString(fileContents(dir.filePath("dev/" + it.key())))) : QJsonValue(), it.value());
     }
@@ -192,11 +196,28 @@ private slots:
         QCOMPARE((QList<bool>{machine->isQuickbootEnabled(), machine->isFullscreen(), machine->isVirtualKeyboardEnabled(), machine->isSdCardInserted(),
                               machine->isHardwareEditable(), machine->usesSoftwareNavigationKeys(), machine->supportsHotResize(), machine->supportsPause(),
                               machine->supportsSdCard(), machine->supportsFactoryReset(), machine->setBottomCornerRadius(1), machine->setTopCornerRadius(1),
-                              machine->setContentPadding(1), machine->setDisplayDensity(1), machine->setDisplaySize({1, 1}), machine->setFirstDisplay({})}),
-                 (QList<bool>{true, false, false, false, true, true, false, false, true, true, true, true, true, true, true, true}));
+                              machine->setContentPadding(1), machine->setDisplayDensity(1), machine->setDisplaySize({1, 1}), machine->setFirstDisplay({}), machine->hasSnapshot()}),
+                 (QList<bool>{true, false, false, false, true, true, false, false, true, true, true, true, true, true, true, true, false}));
         QCOMPARE((QList<qint64>{machine->VMToolsMachine::adbPort(), machine->bottomCornerRadius(), machine->topCornerRadius(), machine->contentPadding(),
-                                machine->displayDensity(), machine->uptimeMs()}), (QList<qint64>{5555, 0, 0, 0, 0, -1}));
+                                machine->displayDensity(), machine->uptimeMs(), machine->lastStartError().code, machine->lastRuntimeError().code}),
+                 (QList<qint64>{5555, 0, 0, 0, 0, -1, 0, 0}));
         QCOMPARE(fileContents(machine->deviceJsonPath()), QByteArray("{}"));
+    }
+
+    // QMP's socket lies in the device folder while that path fits a socket address (107 bytes),
+    // else under a name of 16 hex digits in a private runtime folder, which is logged.
+    void qmpSocketPlace()
+    {
+        QTemporaryDir runtime;
+        qputenv("XDG_RUNTIME_DIR", runtime.path().toUtf8());
+        for (const int bytes : {107, 108}) {
+            const QString device = m_home.filePath(QString(bytes - m_home.path().size() - 10, 'n'));
+            LogCapture log;
+            const QFileInfo socket(qmpSocketPath(device));
+            QCOMPARE((QStringList{socket.path(), QString::number(socket.fileName().size()), log.dump()}),
+                     (bytes == 107 ? QStringList{device, "8", ""} : QStringList{runtime.filePath("quorvel-qmp"), "21",
+                      "debug: [VMTools] The path of " + device + " is too long for a socket: its QMP socket is " + socket.filePath()}));
+        }
     }
 
     // Every file counts, hidden ones too; the figure is taken once per machine object.

@@ -61,16 +61,14 @@ void tst_QemuCommandLine::golden()
     QVERIFY(writeFile(path + (setup.contains("present") ? "/sdcard.qcow2" : "/x"), "x"));
     HostPlatform host = platform == "windows" ? HostPlatform::forWindows() : HostPlatform::forLinux();
     host.arm64 = platform == "arm64";
-    // The reference example's device: 4096 MiB, 4 processors.
-    const bool virtio = version.isEmpty() ? setup.contains("virtio")
-            : QEMUMachine(nullptr, path, testProfile(4096, 4), testImage("file:///x.ova", version)).usesVirtio();
-    QemuLaunchSpec launch;  // what the setup words change comes on top of the defaults
+    QemuLaunchSpec launch;  // the reference example's device (4096 MiB, 4 processors), the setup words on top of the defaults
     launch.machinePath = path;
     launch.memoryMegabytes = 4096;
     launch.cpuCount = 4;
     launch.shareDir = "/usr/share/qemu";
     launch.qmpSocketPath = host.qmpOnUnixSocket ? path + "/qmp.sock" : QString();
-    launch.virtio |= virtio;
+    launch.virtio |= version.isEmpty() ? setup.contains("virtio")
+            : QEMUMachine(nullptr, path, testProfile(4096, 4), testImage("file:///x.ova", version)).usesVirtio();
     launch.sdCardEnabled |= setup.contains("sdcard");
     launch.showWindow |= setup.contains("window");
     launch.forwardAllInterfaces |= setup.contains("all-interfaces");
