@@ -63,7 +63,7 @@ QEMUEngine *g_engine = nullptr;
 using Operation = std::function<QJsonValue(QEMUMachine &, const QJsonValue &)>;
 const QMap<QString, Operation> folderOperations{
     {"save", [](QEMUMachine &m, const QJsonValue &) { return m.save(); }},
-    {"load", [](QEMUMachine &m, const QJsonValue &) { return QEMUMachine(g_engine, m.path()).load(); }},
+    {"load", [](QEMUMachine &m, const QJsonValue &) { return QEMUMachine(g_engine, m.path()).VMToolsMachine::load(); }},
     {"deleteSnapshotFiles", [](QEMUMachine &m, const QJsonValue &) { return m.deleteSnapshotFiles(); }},
     {"killQemu", [](QEMUMachine &m, const QJsonValue &) { m.refreshRunData(); return QJsonArray{m.killQemu(), m.adbPort()}; }},
     {"waitForQemuEnd", [](QEMUMachine &m, const QJsonValue &) { m.waitForQemuEnd(); return QJsonValue(); }},
