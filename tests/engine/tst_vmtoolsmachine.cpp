@@ -74,7 +74,7 @@ const QMap<QString, Operation> folderOperations{
         for (const QJsonValue &name : files.toArray())
             writeFile(reference + "/" + name.toString(), "x");
         const bool made = m.createSystemDisk(testImage());
-        return QDir(reference).removeRecursively() && made;
+        return QDir(QFileInfo(reference).path()).removeRecursively() && made;
     }},
     {"setSdCardInserted", [](QEMUMachine &m, const QJsonValue &v) { return QJsonArray{m.setSdCardInserted(v.toBool()), m.isSdCardInserted()}; }},
     {"setSdCardSize", [](QEMUMachine &m, const QJsonValue &v) { return QJsonArray{m.setSdCardSize(v.toInt()), m.sdCardSize()}; }},
