@@ -205,7 +205,7 @@ private slots:
     }
 
     // QMP's socket lies in the device folder while that path fits a socket address (107 bytes),
-    // else under a name of 16 hex digits in a private runtime folder, which is logged.
+    // else under a name of 16 hex digits in a runtime folder only its owner may enter, which is logged.
     void qmpSocketPlace()
     {
         QTemporaryDir runtime;
@@ -214,8 +214,8 @@ private slots:
             const QString device = m_home.filePath(QString(bytes - m_home.path().size() - 10, 'n'));
             LogCapture log;
             const QFileInfo socket(qmpSocketPath(device));
-            QCOMPARE((QStringList{socket.path(), QString::number(socket.fileName().size()), log.dump()}),
-                     (bytes == 107 ? QStringList{device, "8", ""} : QStringList{runtime.filePath("quorvel-qmp"), "21",
+            QCOMPARE((QStringList{socket.path(), QString::number(socket.fileName().size()), QString::number(QFile::permissions(socket.path()), 16), log.dump()}),
+                     (bytes == 107 ? QStringList{device, "8", "0", ""} : QStringList{runtime.filePath("quorvel-qmp"), "21", "7700",
                       "debug: [VMTools] The path of " + device + " is too long for a socket: its QMP socket is " + socket.filePath()}));
         }
     }
