@@ -26,18 +26,17 @@ constexpr quint32 SvmTestBit = 1u << 2;
 // that a processor answering zeros gives an empty vendor rather than NUL characters.
 QString vendorPart(quint32 value)
 {
-    char bytes[4];
+    char bytes[sizeof value];
     std::memcpy(bytes, &value, sizeof bytes);
-    int length = 0;
-    while (length < 4 && bytes[length] != '\0')
-        ++length;
-    return QString::fromUtf8(bytes, length);
+    return QString::fromUtf8(bytes, int(qstrnlen(bytes, sizeof bytes)));
 }
 
 QString cpuVendorOf(CpuidFunction cpuid)
 {
     const CpuidRegisters registers = cpuid(VendorLeaf, 0);
-    return vendorPart(registers.ebx) + vendorPart(registers.edx) + vendorPart(registers.ecx);
+    const QString vendor = vendorPart(registers.ebx) + vendorPart(registers.edx) + vendorPart(registers.ecx);
+    vmDebug("Chipset:", vendor);
+    return vendor;
 }
 
 // The test reads leaf 1 on every vendor. On non-Intel processors the extended leaf is
@@ -87,10 +86,9 @@ bool isExtractedFrom(const QDir &target, const QString &archivePath)
 } // namespace
 
 VMToolsEngine::VMToolsEngine(CpuidFunction cpuid)
+    : m_cpuVendor(cpuVendorOf(cpuid)),
+      m_virtualizationSupported(testVirtualization(cpuid, m_cpuVendor))
 {
-    m_cpuVendor = cpuVendorOf(cpuid);
-    vmDebug("Chipset:", m_cpuVendor);
-    m_virtualizationSupported = testVirtualization(cpuid, m_cpuVendor);
     // An empty folder means "not set", never the working directory.
     const QString configured = settings()->value(QStringLiteral("virtual_devices.directory")).toString();
     m_devicesDirectory.setPath(configured.trimmed().isEmpty() ? deployedDirectory() : configured);

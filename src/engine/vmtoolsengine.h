@@ -17,12 +17,13 @@ class VMToolsMachine;
 
 // Register values of one CPUID query. The engine reads them through a replaceable function
 // so that both vendor paths of the virtualisation test can be exercised on any processor.
+// A plain aggregate: CpuidRegisters{} reads as all zeros.
 struct CpuidRegisters
 {
-    quint32 eax = 0;
-    quint32 ebx = 0;
-    quint32 ecx = 0;
-    quint32 edx = 0;
+    quint32 eax;
+    quint32 ebx;
+    quint32 ecx;
+    quint32 edx;
 };
 using CpuidFunction = CpuidRegisters (*)(quint32 leaf, quint32 subleaf);
 CpuidRegisters hostCpuid(quint32 leaf, quint32 subleaf);
@@ -95,5 +96,5 @@ protected:
     quint64 m_reserved = 0;
     QDir m_devicesDirectory;
     QString m_cpuVendor;
-    bool m_virtualizationSupported = false;
+    bool m_virtualizationSupported;
 };

@@ -10,6 +10,8 @@
 #include <QJsonObject>
 #include <QSaveFile>
 
+#include <tuple>
+
 namespace {
 
 const QString ConfigDirectory = QStringLiteral("shared/config");
@@ -26,15 +28,11 @@ const QString QuickbootKey = QStringLiteral("quickboot");
 
 // Images newer than Android 8.0.0 attach their disks and shared folder through virtio.
 // A pre-release of 8.0.0 has a negative status, so it stays on the old attachment.
+// The status and its number count as one sum here, unlike in the ordering of Version.
 bool isAboveAndroid8(const Version &v)
 {
-    if (v.majorVersion != 8)
-        return v.majorVersion > 8;
-    if (v.minorVersion != 0)
-        return v.minorVersion > 0;
-    if (v.patchVersion != 0)
-        return v.patchVersion > 0;
-    return v.patchStatus + v.statusNumber > 0;
+    return std::make_tuple(v.majorVersion, v.minorVersion, v.patchVersion, v.patchStatus + v.statusNumber)
+           > std::make_tuple(8, 0, 0, 0);
 }
 
 } // namespace
@@ -73,14 +71,12 @@ bool VMToolsMachine::save()
     object.insert(HardwareProfileKey, serializeHwProfile(m_hardwareProfile));
     object.insert(OsImageKey, serializeOsImage(m_osImage));
 
-    const qint64 written = file.write(QJsonDocument(object).toJson(QJsonDocument::Indented));
-    if (written <= 0) {
+    // The commit renames whatever reached the disk, even after a short write or a failed
+    // flush (a full disk): those must be caught here, so that the old file stays.
+    const QByteArray data = QJsonDocument(object).toJson(QJsonDocument::Indented);
+    if (file.write(data) != data.size() || !file.flush() || !file.commit()) {
+        vmCritical("Failed to write file:", file.fileName(), file.errorString());
         file.cancelWriting();
-        vmCritical("Failed to write file:", file.fileName(), file.errorString());
-        return false;
-    }
-    if (!file.commit()) {
-        vmCritical("Failed to write file:", file.fileName(), file.errorString());
         return false;
     }
     return true;

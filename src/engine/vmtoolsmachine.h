@@ -26,7 +26,7 @@ class VMToolsMachine
 {
 public:
     enum OptionFlag : quint32 { VirtioFlag = 0x1 };
-    enum State { StateUnknown = 0, StateRunning = 1, StatePoweredOff = 2 };
+    enum State { StateUnknown, StateRunning, StatePoweredOff };  // 0, 1, 2
 
     explicit VMToolsMachine(const QString &path);
 

@@ -19,7 +19,7 @@ double timeScale = 1.0;
 
 int scaled(int ms)
 {
-    return qMax(1, qRound(ms * timeScale));
+    return qRound(ms * timeScale);
 }
 
 bool isEvent(const QJsonObject &reply)
@@ -131,17 +131,14 @@ bool QEMUClient::init()
     // one line; should it come in pieces, the loop waits for the rest.
     if (!m_socket->canReadLine()) {
         QEventLoop loop;
-        QTimer timer;
-        timer.setSingleShot(true);
-        timer.setTimerType(Qt::CoarseTimer);
-        connect(&timer, &QTimer::timeout, &loop, [&loop] { loop.exit(1); });
+        // The loop is its context: a greeting that came first leaves it nothing to end.
+        QTimer::singleShot(GreetingTimeoutMs, Qt::CoarseTimer, &loop, [&loop] { loop.exit(1); });
         connect(m_socket, &QIODevice::readyRead, &loop, [this, &loop] {
             if (m_socket->canReadLine())
                 loop.quit();
             else if (m_socket->bytesAvailable() >= MaxLineBytes)
                 loop.exit(2);
         });
-        timer.start(GreetingTimeoutMs);
         const int result = loop.exec();
         if (result == 2)
             return lineTooLong();
@@ -179,7 +176,7 @@ bool QEMUClient::request(const QVariantMap &command, const QVariant &expected, i
     // The terminating line feed is left out of the log so the entry stays one line.
     vmDebug("QEMUClient: request", message.left(message.size() - 1));
     // No flush: the waits below push the bytes out.
-    if (m_socket->write(message) == -1) {
+    if (m_socket->write(message) != message.size()) {
         vmCritical("QEMUClient: failed to write message to QMP socket");
         return false;
     }
@@ -196,7 +193,7 @@ bool QEMUClient::request(const QVariantMap &command, const QVariant &expected, i
             if (m_socket->bytesAvailable() >= MaxLineBytes)
                 return lineTooLong();
             const int sliceMs = int(qMin<qint64>(waitMs, deadline.remainingTime()));
-            if (sliceMs > 0 && m_socket->waitForReadyRead(sliceMs))
+            if (!deadline.hasExpired() && m_socket->waitForReadyRead(sliceMs))
                 continue;
             if (sliceMs < waitMs) {
                 vmCritical("QEMUClient: no reply within", limitMs, "ms");

@@ -22,11 +22,12 @@ public:
     static constexpr int CommandTimeoutMs = 1000;   // per wait for a reply
     static constexpr int SaveVmTimeoutMs = 10000;   // per wait for the savevm reply
     // Overall limits of one request, whatever the peer sends meanwhile (events, a line in
-    // pieces). QEMU answers these commands at once; savevm answers once the whole guest
-    // memory is written, which takes seconds per GiB of used memory.
-    static constexpr int CommandDeadlineMs = 5000;
+    // pieces). QEMU answers these commands at once, so five of their waits are plenty;
+    // savevm answers once the whole guest memory is written, which takes seconds per GiB of
+    // used memory.
+    static constexpr int CommandDeadlineMs = 5 * CommandTimeoutMs;
     static constexpr int SaveVmDeadlineMs = 120000;
-    // Longest line accepted from the peer, line feed included.
+    // Lines from the peer must be shorter than this, line feed included.
     static constexpr qint64 MaxLineBytes = 1024 * 1024;
 
     explicit QEMUClient(quint16 port, QObject *parent = nullptr);

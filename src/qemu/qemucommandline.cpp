@@ -34,7 +34,7 @@ QString networkWithForwards(quint16 portOffset, bool allInterfaces)
 // an occurrence, but its sign still decides between "remove all" and "remove one".
 qint64 parseIndex(const QString &text)
 {
-    bool ok = false;
+    bool ok;
     const qint64 index = text.toLongLong(&ok);
     if (ok)
         return index;
@@ -46,7 +46,7 @@ void applyOverride(QemuOptionMap &options, const QString &key, const QString &va
                    const QString &indexText)
 {
     const bool hasIndex = !indexText.isEmpty();
-    const qint64 index = hasIndex ? parseIndex(indexText) : 0;
+    const qint64 index = parseIndex(indexText);  // meaningless without an index, and unused then
 
     if (value.isEmpty()) {
         if (hasIndex && index >= 0)
@@ -123,7 +123,8 @@ QemuOptionMap QemuCommandLine::defaultOptions(const QemuLaunchSpec &launch) cons
         const QString sdCard = diskPath(launch.machinePath, QStringLiteral("sdcard.qcow2"));
         const QFileInfo info(sdCard);
         // A missing card only costs the device its external storage, so the start goes on.
-        if (info.exists() && info.isReadable() && info.isWritable()) {
+        // Neither test holds for a file that does not exist.
+        if (info.isReadable() && info.isWritable()) {
             options.addText(drive, diskDriveSpec(sdCard, launch.virtio));
         } else {
             vmWarning("Failed to mount SdCard disk", sdCard,
@@ -198,11 +199,10 @@ QStringList QemuCommandLine::flatten(const QemuOptionMap &options)
     for (const QString &name : names) {
         const QVector<QemuOptionMap::Value> values = options.values(name);
         for (const QemuOptionMap::Value &value : values) {
-            if (!value.isFlag) {
+            if (value.kind == QemuOptionMap::Value::Text)
                 arguments << name << value.text;
-            } else if (value.flag) {
+            else if (value.kind == QemuOptionMap::Value::FlagSet)
                 arguments << name;
-            }
         }
     }
     return arguments;

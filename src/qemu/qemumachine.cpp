@@ -310,9 +310,8 @@ bool QEMUMachine::killQemu()
         QFile::remove(m_lockFilePath);
         return false;
     }
-    if (!destroyProcess(pid))
-        return false;
-    return QFile::remove(m_lockFilePath);
+    // A process that survives keeps its lock.
+    return destroyProcess(pid) && QFile::remove(m_lockFilePath);
 }
 
 void QEMUMachine::waitForQemuEnd()

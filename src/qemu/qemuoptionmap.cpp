@@ -15,16 +15,15 @@ void QemuOptionMap::remove(const QString &name)
     m_options.remove(name);
 }
 
-bool QemuOptionMap::removeAt(const QString &name, qint64 index)
+void QemuOptionMap::removeAt(const QString &name, qint64 index)
 {
     const auto it = m_options.find(name);
     if (it == m_options.end() || index < 0 || index >= it->size())
-        return false;
+        return;
     it->remove(int(index));
     // An emptied name must not linger: contains() decides whether an override adds or edits.
     if (it->isEmpty())
         m_options.erase(it);
-    return true;
 }
 
 bool QemuOptionMap::replaceText(const QString &name, qint64 index, const QString &text)

@@ -15,12 +15,12 @@ public:
     // when set and disappears when clear.
     struct Value
     {
-        QString text;
-        bool isFlag = false;
-        bool flag = false;
+        enum Kind { Text, FlagSet, FlagClear };
+        QString text;  // of a Text value only
+        Kind kind;
 
-        static Value fromText(const QString &text) { return {text, false, false}; }
-        static Value fromFlag(bool on) { return {QString(), true, on}; }
+        static Value fromText(const QString &text) { return {text, Text}; }
+        static Value fromFlag(bool on) { return {QString(), on ? FlagSet : FlagClear}; }
     };
 
     void addText(const QString &name, const QString &text);
@@ -34,8 +34,8 @@ public:
 
     // Removes every occurrence of the name.
     void remove(const QString &name);
-    // Both answer false and leave the map alone when there is no occurrence `index`.
-    bool removeAt(const QString &name, qint64 index);
+    // Both leave the map alone when there is no occurrence `index`; replaceText then answers false.
+    void removeAt(const QString &name, qint64 index);
     bool replaceText(const QString &name, qint64 index, const QString &text);
 
 private:

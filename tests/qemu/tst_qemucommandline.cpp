@@ -61,12 +61,19 @@ void tst_QemuCommandLine::golden()
     QVERIFY(writeFile(path + (setup.contains("present") ? "/sdcard.qcow2" : "/x"), "x"));
     HostPlatform host = platform == "windows" ? HostPlatform::forWindows() : HostPlatform::forLinux();
     host.arm64 = platform == "arm64";
-    // The reference example's device: 4096 MiB, 4 processors.
-    const bool virtio = version.isEmpty() ? setup.contains("virtio")
+    QemuLaunchSpec launch;  // the reference example's device (4096 MiB, 4 processors), the setup words on top of the defaults
+    launch.machinePath = path;
+    launch.memoryMegabytes = 4096;
+    launch.cpuCount = 4;
+    launch.shareDir = "/usr/share/qemu";
+    launch.qmpSocketPath = host.qmpOnUnixSocket ? path + "/qmp.sock" : QString();
+    launch.virtio |= version.isEmpty() ? setup.contains("virtio")
             : QEMUMachine(nullptr, path, testProfile(4096, 4), testImage("file:///x.ova", version)).usesVirtio();
-    const QemuLaunchSpec launch{path, 4096, 4, virtio, setup.contains("sdcard"), setup.contains("snapshot") ? "quickboot" : "",
-                                quint16(setup.contains("offset7") ? 7 : 0), "/usr/share/qemu", setup.contains("window"), setup.contains("all-interfaces"),
-                                host.qmpOnUnixSocket ? path + "/qmp.sock" : QString()};
+    launch.sdCardEnabled |= setup.contains("sdcard");
+    launch.showWindow |= setup.contains("window");
+    launch.forwardAllInterfaces |= setup.contains("all-interfaces");
+    launch.portOffset += setup.contains("offset7") ? 7 : 0;
+    launch.snapshotName += setup.contains("snapshot") ? "quickboot" : "";
 
     LogCapture capture;
     const QStringList arguments = QemuCommandLine(host).arguments(launch, overrides).join('\n').remove(dir.path() + '/').split('\n');
