@@ -2,7 +2,17 @@
 
 #include <QString>
 
+// Where a copy has to pass its data through memory: large enough that the calls cost little
+// next to the copying, small enough to keep the footprint low.
+constexpr qint64 CopyChunkSize = 1024 * 1024;
+
 // Copies one file with the fastest means the platform offers (a reflink or an in-kernel
 // copy on Linux, CopyFileW on Windows). Like QFile::copy, an existing destination makes the
 // copy fail; a failed copy leaves no partial destination. On failure errorText says why.
 bool copyFileFast(const QString &source, const QString &destination, QString *errorText);
+
+#ifdef Q_OS_LINUX
+// copy_file_range failed with an error that only says the kernel cannot copy between these
+// two files (another file system type, no support, a device): a read/write loop can.
+bool copyRangeRefused(int error);
+#endif
