@@ -46,7 +46,7 @@ JsonReadResult readJsonFile(const QString &path)
         Log::warning("Failed to read json from", path, error.errorString());
         return {QJsonDocument(), 2};
     }
-    return {document, 0};
+    return {document};
 }
 
 void walkFiles(const QString &root, const QStringList &nameFilters,

@@ -105,15 +105,14 @@ int extractRecord(mtar_t *tar, const mtar_header_t &header, const QString &desti
 
 bool writeFileChunk(QFile &file, const char *data, qint64 size)
 {
-    qint64 written = 0;
-    while (written < size) {
-        const qint64 n = file.write(data + written, size - written);
+    for (const char *const end = data + size; data != end;) {
+        const qint64 n = file.write(data, end - data);
         // A write that makes no progress would spin forever; treat it as the failure it is.
         if (n <= 0) {
             Log::critical("Got an error while writing file chunk to disk:", file.errorString());
             return false;
         }
-        written += n;
+        data += n;
     }
     return true;
 }
