@@ -12,6 +12,12 @@ constexpr qint64 CopyChunkSize = 1024 * 1024;
 bool copyFileFast(const QString &source, const QString &destination, QString *errorText);
 
 #ifdef Q_OS_LINUX
+#include <sys/types.h>
+
+// One in-kernel copy_file_range from in (at *inOffset, or at its position when null) to out
+// at its position, repeated when a signal interrupts it: the bytes copied, 0 at the end of
+// in, -1 with errno on failure.
+ssize_t copyFileRange(int in, loff_t *inOffset, int out, size_t length);
 // copy_file_range failed with an error that only says the kernel cannot copy between these
 // two files (another file system type, no support, a device): a read/write loop can.
 bool copyRangeRefused(int error);

@@ -51,7 +51,7 @@ bool copyThroughBuffer(int in, int out)
 bool copyContents(int in, int out, qint64 size)
 {
     for (;;) {
-        const ssize_t n = TEMP_FAILURE_RETRY(::copy_file_range(in, nullptr, out, nullptr, size_t(size), 0));
+        const ssize_t n = copyFileRange(in, nullptr, out, size_t(size));
         if (n == 0)
             return true;
         if (n == -1)
@@ -60,6 +60,11 @@ bool copyContents(int in, int out, qint64 size)
 }
 
 } // namespace
+
+ssize_t copyFileRange(int in, loff_t *inOffset, int out, size_t length)
+{
+    return TEMP_FAILURE_RETRY(::copy_file_range(in, inOffset, out, nullptr, length, 0));
+}
 
 bool copyRangeRefused(int error)
 {

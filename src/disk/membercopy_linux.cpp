@@ -9,7 +9,6 @@
 #include <cstring>
 #include <iterator>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -35,7 +34,7 @@ MemberCopy copyMemberData(FILE *archive, quint64 offset, quint64 size, QFile &ou
     quint64 left = size;
     while (left > 0) {
         // The kernel caps a single call below 2 GiB and answers how much it copied.
-        const ssize_t n = TEMP_FAILURE_RETRY(::copy_file_range(in, &from, out.handle(), nullptr, size_t(left), 0));
+        const ssize_t n = copyFileRange(in, &from, out.handle(), size_t(left));
         if (n == 0)  // the archive shrank under us
             return MemberCopy::ReadFailed;
         if (n == -1) {
