@@ -2,9 +2,11 @@
 
 #include <QFile>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -14,14 +16,11 @@
 
 namespace {
 
+// Owns a descriptor that open() returned: -1 after a failed open, which close() refuses harmlessly.
 struct Fd
 {
-    int fd = -1;
-    ~Fd()
-    {
-        if (fd >= 0)
-            ::close(fd);
-    }
+    const int fd;
+    ~Fd() { ::close(fd); }
 };
 
 QString errnoText()
@@ -29,62 +28,56 @@ QString errnoText()
     return QString::fromLocal8Bit(std::strerror(errno));
 }
 
-// copy_file_range does the copy in the kernel; file systems that cannot do it (or older
-// kernels) fall back to a plain read/write loop.
+// The rest of the source from the current positions on, through a buffer.
+bool copyThroughBuffer(int in, int out)
+{
+    std::vector<char> buffer(static_cast<size_t>(CopyChunkSize));
+    for (;;) {
+        const ssize_t r = TEMP_FAILURE_RETRY(::read(in, buffer.data(), buffer.size()));
+        if (r <= 0)
+            return r == 0;
+        for (const char *p = buffer.data(), *end = p + r; p != end;) {
+            const ssize_t w = TEMP_FAILURE_RETRY(::write(out, p, size_t(end - p)));
+            if (w == -1)
+                return false;
+            p += w;
+        }
+    }
+}
+
+// copy_file_range copies in the kernel, each call as much as it can, up to the end of the
+// source (a call that copies nothing). Where it refuses (another file system type, no
+// support), the buffer goes on from where it stopped.
 bool copyContents(int in, int out, qint64 size)
 {
-    qint64 left = size;
-    while (left > 0) {
-        const ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, size_t(left), 0);
-        if (n > 0) {
-            left -= n;
-            continue;
-        }
-        if (n == 0)
-            break;
-        if (errno == EINTR)
-            continue;
-        if (left != size || (errno != EXDEV && errno != ENOSYS && errno != EOPNOTSUPP && errno != EINVAL))
-            return false;
-        break;
-    }
-    if (left == 0)
-        return true;
-    if (::lseek(in, size - left, SEEK_SET) < 0 || ::lseek(out, size - left, SEEK_SET) < 0)
-        return false;
-    static constexpr size_t BufferSize = 1 << 20;
-    std::vector<char> buffer(BufferSize);
     for (;;) {
-        const ssize_t r = ::read(in, buffer.data(), BufferSize);
-        if (r == 0)
+        const ssize_t n = copyFileRange(in, nullptr, out, size_t(size));
+        if (n == 0)
             return true;
-        if (r < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        for (ssize_t done = 0; done < r;) {
-            const ssize_t w = ::write(out, buffer.data() + done, size_t(r - done));
-            if (w < 0) {
-                if (errno == EINTR)
-                    continue;
-                return false;
-            }
-            done += w;
-        }
+        if (n == -1)
+            return copyRangeRefused(errno) && copyThroughBuffer(in, out);
     }
 }
 
 } // namespace
 
+ssize_t copyFileRange(int in, loff_t *inOffset, int out, size_t length)
+{
+    return TEMP_FAILURE_RETRY(::copy_file_range(in, inOffset, out, nullptr, length, 0));
+}
+
+bool copyRangeRefused(int error)
+{
+    static constexpr int Refusals[] = {EXDEV, ENOSYS, EOPNOTSUPP, EINVAL};
+    return std::find(std::begin(Refusals), std::end(Refusals), error) != std::end(Refusals);
+}
+
 bool copyFileFast(const QString &source, const QString &destination, QString *errorText)
 {
-    const QByteArray from = QFile::encodeName(source);
     const QByteArray to = QFile::encodeName(destination);
-    Fd in;
-    in.fd = ::open(from.constData(), O_RDONLY | O_CLOEXEC);
+    const Fd in{::open(QFile::encodeName(source).constData(), O_RDONLY | O_CLOEXEC)};
     struct stat info {};
-    if (in.fd < 0 || ::fstat(in.fd, &info) != 0) {
+    if (in.fd == -1 || ::fstat(in.fd, &info) != 0) {
         *errorText = errnoText();
         return false;
     }
@@ -92,9 +85,8 @@ bool copyFileFast(const QString &source, const QString &destination, QString *er
         *errorText = QStringLiteral("Not a regular file");
         return false;
     }
-    Fd out;
-    out.fd = ::open(to.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, info.st_mode & 0777);
-    if (out.fd < 0) {
+    const Fd out{::open(to.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, info.st_mode & 0777)};
+    if (out.fd == -1) {
         *errorText = errnoText();
         return false;
     }

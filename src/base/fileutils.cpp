@@ -46,7 +46,7 @@ JsonReadResult readJsonFile(const QString &path)
         Log::warning("Failed to read json from", path, error.errorString());
         return {QJsonDocument(), 2};
     }
-    return {document, 0};
+    return {document};
 }
 
 void walkFiles(const QString &root, const QStringList &nameFilters,
@@ -59,9 +59,9 @@ void walkFiles(const QString &root, const QStringList &nameFilters,
 
 bool isPlainEntryName(const QString &name)
 {
+    // Every absolute path, a drive, a UNC or a resource path holds one of these characters.
     static const QRegularExpression outside(QStringLiteral("[/\\\\:]"));
-    return !name.isEmpty() && !name.startsWith(QLatin1Char('.')) && !name.contains(outside)
-           && !QDir::isAbsolutePath(name);
+    return !name.isEmpty() && !name.startsWith(QLatin1Char('.')) && !name.contains(outside);
 }
 
 bool copyRecursively(const QString &source, const QString &destination)

@@ -1,9 +1,11 @@
 #include "hostplatform.h"
 
+#include <QSysInfo>
+
 HostPlatform HostPlatform::forWindows()
 {
     return {QStringLiteral(".exe"), {QStringLiteral("whpx"), QStringLiteral("hax")},
-            QStringLiteral("dsound,id=snd0,latency=0"), false};
+            QStringLiteral("dsound,id=snd0,latency=0")};
 }
 
 HostPlatform HostPlatform::forLinux()
@@ -20,8 +22,6 @@ HostPlatform HostPlatform::current()
 #else
     HostPlatform platform = forLinux();
 #endif
-#if defined(Q_PROCESSOR_ARM_64)
-    platform.arm64 = true;
-#endif
+    platform.arm64 = QSysInfo::buildCpuArchitecture() == QLatin1String("arm64");
     return platform;
 }

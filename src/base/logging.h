@@ -21,7 +21,8 @@ inline QString piece(const char *s) { return QString::fromUtf8(s); }
 inline QString piece(const QByteArray &b) { return QString::fromUtf8(b); }
 inline QString piece(QChar c) { return QString(c); }
 inline QString piece(bool b) { return b ? QStringLiteral("true") : QStringLiteral("false"); }
-template<typename T, std::enable_if_t<std::is_arithmetic_v<T> && !std::is_same_v<T, bool>, int> = 0>
+// Numbers. A bool takes the exact overload above, which wins over this template.
+template<typename T, typename = std::enable_if_t<std::is_arithmetic_v<T>>>
 QString piece(T v) { return QString::number(v); }
 
 // The text QDebug prints for a value: strings quoted, lists in brackets.

@@ -1,5 +1,6 @@
 #include "ovaextractor.h"
 
+#include "filecopy.h"
 #include "logging.h"
 #include "membercopy.h"
 #include "tarreader.h"
@@ -12,10 +13,6 @@
 #include <vector>
 
 namespace {
-
-// Where the data has to pass through memory: large enough that the calls cost little next
-// to the copying, small enough to keep the extraction's footprint low.
-constexpr qint64 ChunkSize = 1024 * 1024;
 
 // The cleaned record name climbs out of whatever it is joined to. Names starting with
 // ".." are refused as they stand (even "..name"); a rooted name such as "/../x" would
@@ -53,12 +50,10 @@ int extractRegularFile(mtar_t *tar, const mtar_header_t &header, const QString &
         Log::critical("Result calling writeFileChunk().");
         return OvaWriteFailed;
     }
-    std::vector<char> buffer;
     quint64 remaining = copy == MemberCopy::Done ? 0 : header.size;
-    if (remaining > 0)
-        buffer.resize(size_t(std::min<quint64>(remaining, ChunkSize)));
+    std::vector<char> buffer(size_t(std::min<quint64>(remaining, CopyChunkSize)));
     while (remaining > 0) {
-        const qint64 chunk = qint64(std::min<quint64>(remaining, ChunkSize));
+        const qint64 chunk = qint64(std::min<quint64>(remaining, CopyChunkSize));
         const int ret = mtar_read_data(tar, buffer.data(), quint64(chunk));
         if (ret != MTAR_ESUCCESS) {
             Log::critical("Result calling mtar_read_data(): ret =", ret);
@@ -110,15 +105,14 @@ int extractRecord(mtar_t *tar, const mtar_header_t &header, const QString &desti
 
 bool writeFileChunk(QFile &file, const char *data, qint64 size)
 {
-    qint64 written = 0;
-    while (written < size) {
-        const qint64 n = file.write(data + written, size - written);
+    for (const char *const end = data + size; data != end;) {
+        const qint64 n = file.write(data, end - data);
         // A write that makes no progress would spin forever; treat it as the failure it is.
         if (n <= 0) {
             Log::critical("Got an error while writing file chunk to disk:", file.errorString());
             return false;
         }
-        written += n;
+        data += n;
     }
     return true;
 }

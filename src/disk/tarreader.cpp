@@ -1,15 +1,15 @@
 #include "tarreader.h"
 
+#include <QtEndian>
+
 #include <cstdio>
 #include <cstring>
-#include <limits>
+#include <numeric>
+#include <optional>
 
 namespace {
 
 constexpr quint64 RecordSize = 512;
-// An OVA holds a few multi-GiB disks; a bigger stdio buffer than the default page
-// halves the read calls without changing the 4096-byte chunks of the callers.
-constexpr size_t StreamBufferSize = 64 * 1024;
 
 struct RawHeader
 {
@@ -38,10 +38,9 @@ int fileWrite(mtar_t *tar, const void *data, quint64 size)
     return std::fwrite(data, 1, size, fileOf(tar)) == size ? MTAR_ESUCCESS : MTAR_EWRITEFAIL;
 }
 
+// A position of 2^63 or more becomes a negative offset, which the seek refuses.
 int fileSeek(mtar_t *tar, quint64 pos)
 {
-    if (pos > quint64(std::numeric_limits<qint64>::max()))
-        return MTAR_ESEEKFAIL;
 #ifdef Q_OS_WIN
     const int res = _fseeki64(fileOf(tar), qint64(pos), SEEK_SET);
 #else
@@ -75,45 +74,38 @@ int streamSeek(mtar_t *tar, quint64 pos)
 // Never reads past the field, which need not be terminated.
 quint64 parseOctal(const char *field, size_t length)
 {
-    size_t i = 0;
-    while (i < length && field[i] == ' ')
-        ++i;
+    const char *const end = field + length;
+    while (field != end && *field == ' ')
+        ++field;
     quint64 value = 0;
-    for (; i < length && field[i] >= '0' && field[i] <= '7'; ++i)
-        value = (value << 3) | quint64(field[i] - '0');
+    for (; field != end && *field >= '0' && *field <= '7'; ++field)
+        value = (value << 3) | quint64(*field - '0');
     return value;
 }
 
 // GNU tar stores sizes of 8 GiB and more big-endian in base 256, flagged by 0x80 in the
 // first byte. Negative values (0xff) and values past 2^63 cannot be a size.
-bool parseSize(const char (&field)[12], quint64 *size)
+std::optional<quint64> parseSize(const char (&field)[12])
 {
     const auto byte = [&](int i) { return quint8(field[i]); };
-    if (!(byte(0) & 0x80)) {
-        *size = parseOctal(field, sizeof field);
-        return true;
-    }
+    if (!(byte(0) & 0x80))
+        return parseOctal(field, sizeof field);
     if (byte(0) != 0x80)
-        return false;
+        return std::nullopt;
     for (int i = 1; i < 4; ++i) {
         if (byte(i) != 0)
-            return false;
+            return std::nullopt;
     }
     if (byte(4) & 0x80)
-        return false;
-    quint64 value = 0;
-    for (int i = 4; i < 12; ++i)
-        value = (value << 8) | byte(i);
-    *size = value;
-    return true;
+        return std::nullopt;
+    return qFromBigEndian<quint64>(field + 4);
 }
 
+// The checksum field counts as eight spaces.
 quint64 checksumOf(const RawHeader &raw)
 {
     const auto *bytes = reinterpret_cast<const unsigned char *>(&raw);
-    quint64 sum = 0;
-    for (size_t i = 0; i < sizeof raw; ++i)
-        sum += bytes[i];
+    quint64 sum = std::accumulate(bytes, bytes + sizeof raw, quint64(0));
     for (char c : raw.checksum)
         sum -= quint8(c);
     return sum + ' ' * sizeof raw.checksum;
@@ -141,14 +133,14 @@ int readHeader(mtar_t *tar, mtar_header_t *header)
         return MTAR_ENULLRECORD;
     if (parseOctal(raw.checksum, sizeof raw.checksum) != checksumOf(raw))
         return MTAR_EBADCHKSUM;
-    quint64 size = 0;
-    if (!parseSize(raw.size, &size))
+    const std::optional<quint64> size = parseSize(raw.size);
+    if (!size)
         return MTAR_EFAILURE;
 
     header->mode = quint32(parseOctal(raw.mode, sizeof raw.mode));
     header->owner = quint32(parseOctal(raw.owner, sizeof raw.owner));
     header->group = quint32(parseOctal(raw.group, sizeof raw.group));
-    header->size = size;
+    header->size = *size;
     header->mtime = parseOctal(raw.mtime, sizeof raw.mtime);
     header->type = raw.type;
     copyText(header->name, raw.name);
@@ -187,7 +179,6 @@ int mtar_open(mtar_t *tar, const char *filename, const char *mode)
     FILE *file = std::fopen(filename, stdioMode);
     if (!file)
         return MTAR_EOPENFAIL;
-    std::setvbuf(file, nullptr, _IOFBF, StreamBufferSize);
     tar->stream = file;
 
     if (stdioMode[0] == 'r') {
@@ -224,9 +215,8 @@ int mtar_next_record(mtar_t *tar)
     if (err != MTAR_ESUCCESS)
         return err;
     const quint64 padded = (header.size + RecordSize - 1) / RecordSize * RecordSize;
-    // parseSize caps sizes below 2^63, so only the sum with the position can overflow.
-    if (tar->pos > std::numeric_limits<quint64>::max() - padded - RecordSize)
-        return MTAR_ESEEKFAIL;
+    // No overflow: the header just read ends inside the file, below 2^63, and parseSize
+    // caps sizes below 2^63. A sum of 2^63 or more fails in the seek.
     return streamSeek(tar, tar->pos + padded + RecordSize);
 }
 

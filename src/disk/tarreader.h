@@ -16,8 +16,7 @@ enum {
     MTAR_EWRITEFAIL = -4,
     MTAR_ESEEKFAIL = -5,
     MTAR_EBADCHKSUM = -6,
-    MTAR_ENULLRECORD = -7,
-    MTAR_ENOTFOUND = -8
+    MTAR_ENULLRECORD = -7
 };
 
 struct mtar_header_t

@@ -60,7 +60,7 @@ void tst_QemuCommandLine::golden()
     const QString path = dir.path() + (setup.contains("comma") ? "/D,x" : "/D"), version = setup.section("version=", 1);
     QVERIFY(writeFile(path + (setup.contains("present") ? "/sdcard.qcow2" : "/x"), "x"));
     HostPlatform host = platform == "windows" ? HostPlatform::forWindows() : HostPlatform::forLinux();
-    host.arm64 = platform == "arm64";
+    host.arm64 |= platform == "arm64";
     QemuLaunchSpec launch;  // the reference example's device (4096 MiB, 4 processors), the setup words on top of the defaults
     launch.machinePath = path;
     launch.memoryMegabytes = 4096;

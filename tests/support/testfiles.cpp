@@ -7,6 +7,9 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 
+#include <csignal>
+#include <sys/resource.h>
+
 bool writeFile(const QString &path, const QByteArray &data)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
@@ -44,4 +47,15 @@ QMap<QString, QByteArray> treeHashes(const QString &directory)
         hashes.insert(QDir(directory).relativeFilePath(path), fileHash(path));
     }
     return hashes;
+}
+
+int withFileSizeLimit(qint64 bytes, const std::function<int()> &f)
+{
+    rlimit saved{};
+    getrlimit(RLIMIT_FSIZE, &saved);
+    const rlimit limit{bytes < 0 ? saved.rlim_cur : rlim_t(bytes), saved.rlim_max};
+    std::signal(SIGXFSZ, SIG_IGN);
+    const int result = setrlimit(RLIMIT_FSIZE, &limit) == 0 ? f() : -1;
+    setrlimit(RLIMIT_FSIZE, &saved);
+    return result;
 }
