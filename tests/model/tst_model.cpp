@@ -14,11 +14,6 @@ Version versionOf(const QJsonArray &f)
     return Version{f[0].toInt(), f[1].toInt(), f[2].toInt(), f[3].toInt(), f[4].toInt()};
 }
 
-QJsonValue dateValue(const QDateTime &d)
-{
-    return d.isValid() ? QJsonValue(d.toString(Qt::ISODateWithMs)) : QJsonValue();
-}
-
 // One typed read of key "k"; the nested kinds read "n" below it.
 QJsonValue readAs(const JsonFieldReader &r, const QString &kind)
 {
@@ -27,7 +22,7 @@ QJsonValue readAs(const JsonFieldReader &r, const QString &kind)
     if (kind == "int") return r.readInt(k);
     if (kind == "double") return r.readDouble(k);
     if (kind == "bool") return r.readBool(k);
-    if (kind == "date") return dateValue(r.readDateTime(k));
+    if (kind == "date") return QJsonValue::fromVariant(r.readDateTime(k));
     if (kind == "list") return QJsonArray::fromStringList(r.readStringList(k));
     if (kind == "enum") return int(r.readEnum<HwProfile::FormFactor>(k));
     if (kind == "contains") return r.contains(k);
