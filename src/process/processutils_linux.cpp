@@ -35,7 +35,7 @@ QByteArray procPath(quint32 pid, const char *entry = nullptr)
 }
 
 // The counterpart of opening a process by id. /proc has no entry for pid 0 nor for ids
-// beyond the largest pid, so kill() never sees an id that it would read as a process group.
+// beyond the largest pid.
 bool processExists(quint32 pid)
 {
     struct stat info;
@@ -118,7 +118,9 @@ bool destroyProcess(quint32 pid)
         vmCritical("Failed to open process with Pid =", pid);
         return false;
     }
-    const bool terminated = ::kill(pid_t(pid), SIGKILL) == 0;
+    // kill() would read 0 and ids beyond pid_t as process groups. /proc has no entry for them,
+    // and the signal refuses them as well, so no fault can ever end a whole group.
+    const bool terminated = pid_t(pid) > 0 && ::kill(pid_t(pid), SIGKILL) == 0;
     if (!terminated)
         vmCritical("Failed to terminate process with Pid =", pid);
 
