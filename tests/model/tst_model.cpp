@@ -25,6 +25,8 @@ QJsonValue readAs(const JsonFieldReader &r, const QString &kind)
     if (kind == "date") return QJsonValue::fromVariant(r.readDateTime(k));
     if (kind == "list") return QJsonArray::fromStringList(r.readStringList(k));
     if (kind == "enum") return int(r.readEnum<HwProfile::FormFactor>(k));
+    if (kind == "source") return int(r.readEnum<HwProfile::Source>(k));
+    if (kind == "mode") return int(r.readEnum<HwProfile::DisplayMode>(k));
     if (kind == "contains") return r.contains(k);
     if (kind == "object") return r.readObject(k).readInt(QStringLiteral("n"));
     QJsonArray values;
@@ -60,7 +62,7 @@ private slots:
     {
         QV_FETCH_CASE;
         LogCapture log;
-        const Version v = c.contains("text") ? parseVersion(c["text"].toString()) : versionOf(c["fields"].toArray());
+        const Version v = c.contains("text") ? parseVersion(c["text"].toString()) : c["default"].toBool() ? Version() : versionOf(c["fields"].toArray());
         const QJsonArray fields{v.majorVersion, v.minorVersion, v.patchVersion, v.patchStatus, v.statusNumber};
         QV_COMPARE_JSON(fields, c["fields"].toArray());
         QCOMPARE(v.toString(), c["full"].toString());
