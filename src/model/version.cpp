@@ -3,19 +3,6 @@
 #include "logging.h"
 
 #include <QStringList>
-#include <QVector>
-
-namespace {
-
-// Anything that is not a plain decimal integer counts as 0, so version text never fails.
-qint32 decimal(const QString &text)
-{
-    bool ok = false;
-    const int value = text.toInt(&ok, 10);
-    return ok ? value : 0;
-}
-
-} // namespace
 
 Version parseVersion(const QString &text)
 {
@@ -42,14 +29,13 @@ Version parseVersion(const QString &text)
         }
     }
 
+    // A missing number, or one that is not a plain decimal integer, reads as 0 (toInt's
+    // answer to anything it cannot convert), so version text never fails.
     const QStringList numbers = parts.first().split(QLatin1Char('.'), Qt::KeepEmptyParts);
-    qint32 fields[4] = {0, 0, 0, 0};
-    for (int i = 0; i < 4 && i < numbers.size(); ++i)
-        fields[i] = decimal(numbers.at(i));
-    version.majorVersion = fields[0];
-    version.minorVersion = fields[1];
-    version.patchVersion = fields[2];
-    version.statusNumber = parts.size() >= 2 ? decimal(parts.at(1)) : fields[3];
+    version.majorVersion = numbers.value(0).toInt();
+    version.minorVersion = numbers.value(1).toInt();
+    version.patchVersion = numbers.value(2).toInt();
+    version.statusNumber = (parts.size() >= 2 ? parts.at(1) : numbers.value(3)).toInt();
     return version;
 }
 

@@ -4,7 +4,7 @@
 #include "processutils.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
 #include <QEventLoop>
 #include <QMutex>
 #include <QProcess>
@@ -29,37 +29,39 @@ CommandResult failure(qint32 exitCode, const QString &output, const QString &err
     return CommandResult{exitCode, output, error, completed};
 }
 
+// Waits until the process has finished or the deadline has passed; the caller learns which
+// from QProcess::finished. On the application's thread it runs a local event loop, so the
+// host's interface keeps painting.
+void waitForProcessFinished(QProcess &process, QDeadlineTimer deadline)
+{
+    const QCoreApplication *app = QCoreApplication::instance();
+    if (!app || QThread::currentThread() != app->thread()) {
+        process.waitForFinished(int(deadline.remainingTime()));
+        return;
+    }
+    if (process.state() == QProcess::NotRunning)
+        return;
+    QEventLoop loop;
+    QObject::connect(&process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), &loop,
+                     &QEventLoop::quit);
+    // A program that cannot be started never sends finished; do not sit out the limit.
+    QObject::connect(&process, &QProcess::errorOccurred, &loop, [&loop](QProcess::ProcessError e) {
+        if (e == QProcess::FailedToStart)
+            loop.quit();
+    });
+    QTimer timer;
+    timer.setTimerType(Qt::PreciseTimer);
+    QObject::connect(&timer, &QTimer::timeout, &loop, &QEventLoop::quit);
+    if (!deadline.isForever())
+        timer.start(int(deadline.remainingTime()));
+    loop.exec(QEventLoop::ExcludeUserInputEvents);
+}
+
 } // namespace
 
 void setDefaultCommandTimeoutForTesting(int ms)
 {
     defaultTimeoutMs = ms > 0 ? ms : DefaultTimeoutMs;
-}
-
-bool waitForProcessFinished(QProcess &process, int timeoutMs)
-{
-    const QCoreApplication *app = QCoreApplication::instance();
-    if (!app || QThread::currentThread() != app->thread())
-        return process.waitForFinished(timeoutMs);
-
-    if (process.state() == QProcess::NotRunning)
-        return false;
-    QEventLoop loop;
-    QObject::connect(&process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished),
-                     &loop, [&loop] { loop.exit(0); });
-    // A program that cannot be started never sends finished; do not sit out the limit.
-    QObject::connect(&process, &QProcess::errorOccurred, &loop, [&loop](QProcess::ProcessError e) {
-        if (e == QProcess::FailedToStart)
-            loop.exit(-1);
-    });
-    QTimer timer;
-    if (timeoutMs > 0) {
-        timer.setSingleShot(true);
-        timer.setTimerType(timeoutMs < 2000 ? Qt::PreciseTimer : Qt::CoarseTimer);
-        QObject::connect(&timer, &QTimer::timeout, &loop, [&loop] { loop.exit(-1); });
-        timer.start(timeoutMs);
-    }
-    return loop.exec(QEventLoop::ExcludeUserInputEvents) == 0;
 }
 
 CommandResult runCommand(const QString &program, const QStringList &arguments, RunFlags flags,
@@ -72,7 +74,7 @@ CommandResult runCommand(const QString &program, const QStringList &arguments, R
     const bool quiet = flags.testFlag(Quiet);
 
     QProcess process;
-    // finished can slip past a wait that has just timed out; this flag still sees it.
+    // Set by the signal, so a finish that comes just as a wait times out still counts.
     bool finished = false;
     QObject::connect(&process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished),
                      [&finished] { finished = true; });
@@ -80,26 +82,20 @@ CommandResult runCommand(const QString &program, const QStringList &arguments, R
         vmDebug("Call:", Log::debugText(arguments));
     process.start(program, arguments, QIODevice::ReadWrite);
 
-    const bool unlimited = flags.testFlag(NoTimeout);
-    const int limit = unlimited ? -1
-                                : flags.testFlag(LongTimeout) ? LongTimeoutMs : defaultTimeoutMs.load();
+    const QDeadlineTimer deadline = flags.testFlag(NoTimeout)
+            ? QDeadlineTimer(QDeadlineTimer::Forever)
+            : QDeadlineTimer(flags.testFlag(LongTimeout) ? LongTimeoutMs : defaultTimeoutMs.load());
     if (!cancel) {
-        finished = waitForProcessFinished(process, limit) || finished;
+        waitForProcessFinished(process, deadline);
     } else {
-        QElapsedTimer elapsed;
-        elapsed.start();
-        while (!finished && process.state() != QProcess::NotRunning) {
-            const qint64 left = unlimited ? CancelPollMs : limit - elapsed.elapsed();
-            if (left <= 0)
-                break;
+        while (!finished && process.state() != QProcess::NotRunning && !deadline.hasExpired()) {
             if (cancel()) {
                 cancel = nullptr;
                 process.kill();
                 process.waitForFinished(CancelPollMs);
                 return failure(-1, QString(), QStringLiteral("canceled"), false);
             }
-            finished = waitForProcessFinished(process, int(qMin<qint64>(CancelPollMs, left)))
-                    || finished;
+            waitForProcessFinished(process, qMin(deadline, QDeadlineTimer(CancelPollMs)));
         }
         cancel = nullptr;
     }
@@ -133,15 +129,13 @@ CommandResult runCommand(const QString &program, const QStringList &arguments, R
 
 bool waitForProcessEnd(quint32 pid, int timeoutMs)
 {
-    if (!isRunning(pid))
-        return true;
-    QElapsedTimer elapsed;
-    elapsed.start();
-    while (elapsed.elapsed() < timeoutMs) {
+    const QDeadlineTimer deadline(timeoutMs);
+    while (isRunning(pid)) {
+        if (deadline.hasExpired()) {
+            vmWarning("Timeout waiting for process end Pid =", pid);
+            return false;
+        }
         QThread::msleep(ProcessEndPollMs);
-        if (!isRunning(pid))
-            return true;
     }
-    vmWarning("Timeout waiting for process end Pid =", pid);
-    return false;
+    return true;
 }

@@ -6,10 +6,6 @@
 
 #include <functional>
 
-QT_BEGIN_NAMESPACE
-class QProcess;
-QT_END_NAMESPACE
-
 // What a run of an external tool gives back. A run that did not get to its end (it never
 // started, ran past its limit or was cancelled) keeps exit code 0 for the callers that read
 // only the code, so work that leaves files behind asks succeeded() instead.
@@ -33,16 +29,13 @@ Q_DECLARE_OPERATORS_FOR_FLAGS(RunFlags)
 
 // Runs a tool to its end and captures both output streams. Runs are serialised across the
 // whole library, so it blocks while another thread's tool runs. A cancel callback is polled
-// about once a second; answering true kills the tool.
+// about once a second; answering true kills the tool. On the application's thread the wait
+// runs a local event loop, so the host's interface keeps painting; other threads block.
 CommandResult runCommand(const QString &program, const QStringList &arguments, RunFlags flags = {},
                          std::function<bool()> cancel = {});
 
-// Waits up to timeoutMs (-1: no limit) for the process to finish; true when it did. On the
-// application's thread it runs a local event loop, so the host's interface keeps painting.
-bool waitForProcessFinished(QProcess &process, int timeoutMs);
-
 // Polls every 100 ms until the process with this id is no longer running; false after
-// timeoutMs.
+// timeoutMs (-1: no limit).
 bool waitForProcessEnd(quint32 pid, int timeoutMs);
 
 // Replaces the 30000 ms default limit, so tests need not wait that long; 0 or less brings

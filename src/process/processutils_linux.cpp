@@ -2,15 +2,15 @@
 
 #include "logging.h"
 
-#include <QElapsedTimer>
+#include <QByteArrayList>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QThread>
 
-#include <cerrno>
-#include <climits>
 #include <csignal>
+#include <limits>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -23,6 +23,8 @@ namespace {
 // The process start time is read in whole seconds of boot time plus clock ticks, and a file's
 // time from a coarse clock that small clock corrections also move.
 constexpr qint64 StartTimeSlackMs = 2000;
+// Lines of /proc files are short, but every read has a limit.
+constexpr qint64 ProcLineLimit = 65536;
 
 QByteArray procPath(quint32 pid, const char *entry = nullptr)
 {
@@ -32,54 +34,39 @@ QByteArray procPath(quint32 pid, const char *entry = nullptr)
     return path;
 }
 
-// The counterpart of opening a process by id. pid 0 and ids beyond pid_t are never a
-// process: kill() would read them as "this process group" or as a group id.
+// The counterpart of opening a process by id. /proc has no entry for pid 0 nor for ids
+// beyond the largest pid.
 bool processExists(quint32 pid)
 {
-    if (pid == 0 || pid > quint32(INT_MAX))
-        return false;
     struct stat info;
     return ::stat(procPath(pid).constData(), &info) == 0;
 }
 
-// The state letter of /proc/PID/stat, or 0 when it cannot be read.
-char processState(quint32 pid)
+// The fields of /proc/PID/stat from the third, the state, on; none when the process is gone.
+QByteArrayList statFields(quint32 pid)
 {
     QFile file(QString::fromLatin1(procPath(pid, "stat")));
     if (!file.open(QIODevice::ReadOnly))
-        return 0;
+        return {};
     // "pid (comm) S ...": the name may hold spaces and parentheses, so search from the end.
-    const QByteArray stat = file.read(4096);
-    const int close = stat.lastIndexOf(')');
-    if (close < 0 || close + 2 >= stat.size())
-        return 0;
-    return stat.at(close + 2);
+    const QByteArray text = file.readLine(ProcLineLimit);
+    return text.mid(text.lastIndexOf(')') + 2).split(' ');
 }
 
 bool hasEnded(quint32 pid)
 {
-    const char state = processState(pid);
-    // Z: exited but not reaped; X/x: being torn down. Both count as ended.
-    return state == 0 || state == 'Z' || state == 'X' || state == 'x';
-}
-
-// Reaps the process if it is a child of ours, so it does not stay behind as a zombie.
-// True when it was our child and has now been reaped.
-bool reapChild(quint32 pid)
-{
-    int status = 0;
-    return ::waitpid(pid_t(pid), &status, WNOHANG) == pid_t(pid);
+    // Z: exited but not reaped; X (x on older kernels): being torn down. A process whose entry
+    // is gone has ended as well.
+    static const QByteArrayList endedStates{"Z", "X", "x"};
+    const QByteArray state = statFields(pid).value(0);
+    return state.isEmpty() || endedStates.contains(state);
 }
 
 // The absolute path of the process's image, or "" when it cannot be read: another account's
 // process (EACCES), a kernel thread or a zombie.
 QString imagePath(quint32 pid)
 {
-    char buffer[PATH_MAX + 1] = {};
-    const ssize_t length = ::readlink(procPath(pid, "exe").constData(), buffer, PATH_MAX);
-    if (length <= 0)
-        return QString();
-    QString path = QFile::decodeName(QByteArray(buffer, int(length)));
+    QString path = QFile::symLinkTarget(QString::fromLatin1(procPath(pid, "exe")));
     // A replaced or removed image is still the file the process was started from.
     const QLatin1String deleted(" (deleted)");
     if (path.endsWith(deleted))
@@ -87,28 +74,30 @@ QString imagePath(quint32 pid)
     return path;
 }
 
-// When the process started, in ms since the epoch, or -1: its start in clock ticks since boot
-// (field 22 of /proc/PID/stat) plus the boot time of /proc/stat.
+// Seconds since the epoch at boot: the "btime" line of /proc/stat, which Linux always has.
+qint64 bootSeconds()
+{
+    QFile file(QStringLiteral("/proc/stat"));
+    QByteArray line;
+    if (file.open(QIODevice::ReadOnly)) {
+        do
+            line = file.readLine(ProcLineLimit);
+        while (!line.isEmpty() && !line.startsWith("btime "));
+    }
+    return line.mid(6).trimmed().toLongLong();
+}
+
+// When the process started, in ms since the epoch: its start in clock ticks since boot (field
+// 22 of /proc/PID/stat) plus the boot time. A start that cannot be read (the process has just
+// gone) is later than any time.
 qint64 processStartMs(quint32 pid)
 {
-    QFile stat(QString::fromLatin1(procPath(pid, "stat")));
-    QFile system(QStringLiteral("/proc/stat"));
-    if (!stat.open(QIODevice::ReadOnly) || !system.open(QIODevice::ReadOnly))
-        return -1;
-    const QByteArray text = stat.read(4096);
-    // Fields after "(comm)" start with the third, the state.
-    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
-    bool ticksOk = false;
-    const qint64 ticks = fields.value(22 - 3).toLongLong(&ticksOk);
-    qint64 bootSeconds = -1;
-    for (QByteArray line = system.readLine(65536); !line.isEmpty(); line = system.readLine(65536)) {
-        if (line.startsWith("btime "))
-            bootSeconds = line.mid(6).trimmed().toLongLong();
-    }
-    const long ticksPerSecond = ::sysconf(_SC_CLK_TCK);
-    if (!ticksOk || bootSeconds <= 0 || ticksPerSecond <= 0)
-        return -1;
-    return bootSeconds * 1000 + ticks * 1000 / ticksPerSecond;
+    bool ok;
+    const qint64 ticks = statFields(pid).value(22 - 3).toLongLong(&ok);
+    if (!ok)
+        return std::numeric_limits<qint64>::max();
+    const qint64 ticksPerSecond = ::sysconf(_SC_CLK_TCK);
+    return (bootSeconds() * ticksPerSecond + ticks) * 1000 / ticksPerSecond;
 }
 
 } // namespace
@@ -129,26 +118,24 @@ bool destroyProcess(quint32 pid)
         vmCritical("Failed to open process with Pid =", pid);
         return false;
     }
-    const bool terminated = ::kill(pid_t(pid), SIGKILL) == 0;
+    // kill() would read 0 and ids beyond pid_t as process groups. /proc has no entry for them,
+    // and the signal refuses them as well, so no fault can ever end a whole group.
+    const bool terminated = pid_t(pid) > 0 && ::kill(pid_t(pid), SIGKILL) == 0;
     if (!terminated)
         vmCritical("Failed to terminate process with Pid =", pid);
 
     // Waited for even when the signal failed: the process may be ending by itself.
-    bool ended = false;
-    QElapsedTimer timer;
-    timer.start();
-    for (;;) {
-        if (reapChild(pid) || hasEnded(pid)) {
-            ended = true;
-            break;
+    const QDeadlineTimer deadline(1000);
+    while (!hasEnded(pid)) {
+        if (deadline.hasExpired()) {
+            vmCritical("destroyProcess: Failed waiting for process end Pid =", pid);
+            return false;
         }
-        if (timer.elapsed() >= 1000)
-            break;
         QThread::msleep(10);
     }
-    if (!ended)
-        vmCritical("destroyProcess: Failed waiting for process end Pid =", pid);
-    return terminated && ended;
+    // A child of ours is reaped, so it does not stay behind as a zombie.
+    ::waitpid(pid_t(pid), nullptr, WNOHANG);
+    return terminated;
 }
 
 QString processNameByPid(quint32 pid)
@@ -177,8 +164,7 @@ bool runsProgram(quint32 pid, const QString &program, const QDateTime &startedBy
         vmDebug("Process with Pid =", pid, "does not run", expected);
         return false;
     }
-    const qint64 started = processStartMs(pid);
-    if (started < 0 || !startedBy.isValid() || started > startedBy.toMSecsSinceEpoch() + StartTimeSlackMs) {
+    if (!startedBy.isValid() || processStartMs(pid) > startedBy.toMSecsSinceEpoch() + StartTimeSlackMs) {
         vmDebug("Process with Pid =", pid, "started after", startedBy.toString(Qt::ISODateWithMs));
         return false;
     }

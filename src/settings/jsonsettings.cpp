@@ -89,7 +89,7 @@ void JsonSettings::setValue(const QString &key, const QVariant &value)
 
 void JsonSettings::setValue(const QStringList &keyPath, const QVariant &value)
 {
-    if (m_readOnly || keyPath.isEmpty())
+    if (keyPath.isEmpty())
         return;
     const QJsonValue json = QJsonValue::fromVariant(value);
     update([&](QJsonObject &object) {
@@ -100,31 +100,34 @@ void JsonSettings::setValue(const QStringList &keyPath, const QVariant &value)
     });
 }
 
-bool JsonSettings::update(const std::function<bool(QJsonObject &)> &change)
+void JsonSettings::update(const std::function<bool(QJsonObject &)> &change)
 {
     if (m_readOnly)
-        return false;
+        return;
     // Threads queue here: the lock file would make them poll, as it does other processes.
     static QMutex threads;
     const QMutexLocker queued(&threads);
     const QString lockPath = m_path + QStringLiteral(".lock");
     QLockFile lock(lockPath);
-    // Any other lock error means the folder takes no files at all; the save says why.
-    if (!lock.tryLock(LockTimeoutMs) && lock.error() == QLockFile::LockFailedError) {
+    // Only a live holder past the limit stops the write. Any other lock error means the folder
+    // takes no files at all; the save says why.
+    lock.tryLock(LockTimeoutMs);
+    if (lock.error() == QLockFile::LockFailedError) {
         Log::warning("Timed out waiting for", lockPath);
-        return false;
+        return;
     }
     const JsonReadResult read = readJsonFile(m_path);
     if (read.status == 1 && QFileInfo::exists(m_path)) {
         Log::warning("Not writing", m_path, "which exists but cannot be read");
-        return false;
+        return;
     }
     if (read.status == 2 || (read.status == 0 && !read.document.isObject())) {
         if (!setAside(m_path))
-            return false;
+            return;
     }
     QJsonObject object = read.document.object();
-    return change(object) && save(object);
+    if (change(object))
+        save(object);
 }
 
 QJsonObject JsonSettings::load() const
@@ -133,16 +136,14 @@ QJsonObject JsonSettings::load() const
     return readJsonFile(m_path).document.object();
 }
 
-bool JsonSettings::save(const QJsonObject &object) const
+void JsonSettings::save(const QJsonObject &object) const
 {
     QSaveFile file(m_path);
     if (!file.open(QIODevice::WriteOnly)) {
         Log::warning("Failed to open file for writing:", m_path);
-        return false;
+        return;
     }
     file.write(QJsonDocument(object).toJson(QJsonDocument::Indented));
-    if (file.commit())
-        return true;
-    Log::warning("Failed to write", m_path, file.errorString());
-    return false;
+    if (!file.commit())
+        Log::warning("Failed to write", m_path, file.errorString());
 }

@@ -27,15 +27,15 @@ public:
 
     // Applies change to the file's object under the lock and saves it when change answers
     // true. A file that is not a JSON object is first moved aside to "<file>.bad-<time>";
-    // one that exists but cannot be read is never replaced. False when nothing was saved.
-    bool update(const std::function<bool(QJsonObject &)> &change);
+    // one that exists but cannot be read is never replaced. Failures are logged.
+    void update(const std::function<bool(QJsonObject &)> &change);
 
     QString path() const { return m_path; }
     bool isReadOnly() const { return m_readOnly; }
 
 private:
     QJsonObject load() const;
-    bool save(const QJsonObject &object) const;
+    void save(const QJsonObject &object) const;
 
     QString m_path;
     bool m_readOnly;

@@ -90,9 +90,9 @@ QVariant convert(const QVariant &value, const Row &row)
     case Kind::Bool:
         return value.toBool();
     case Kind::Int: {
-        bool ok = false;
-        const qlonglong number = value.toLongLong(&ok);
-        if (!ok || number < std::numeric_limits<int>::min() || number > std::numeric_limits<int>::max())
+        // Text that is not a number reads as 0, the integers' default.
+        const qlonglong number = value.toLongLong();
+        if (number < std::numeric_limits<int>::min() || number > std::numeric_limits<int>::max())
             return defaultFor(row);
         return int(number);
     }
@@ -115,9 +115,7 @@ QString keptAside(const QString &path)
 
 void migrateSettings(QSettings &legacy, JsonSettings &target)
 {
-    if (target.value(QStringLiteral("version"), 0).toInt() != 0)
-        return;
-    // Checked again under the lock: a process starting at the same time may have won.
+    // Checked under the lock: a process starting at the same time may have migrated already.
     target.update([&](QJsonObject &object) {
         const int version = object.value(QStringLiteral("version")).toVariant().toInt();
         if (version != 0)

@@ -14,11 +14,6 @@ Version versionOf(const QJsonArray &f)
     return Version{f[0].toInt(), f[1].toInt(), f[2].toInt(), f[3].toInt(), f[4].toInt()};
 }
 
-QJsonValue dateValue(const QDateTime &d)
-{
-    return d.isValid() ? QJsonValue(d.toString(Qt::ISODateWithMs)) : QJsonValue();
-}
-
 // One typed read of key "k"; the nested kinds read "n" below it.
 QJsonValue readAs(const JsonFieldReader &r, const QString &kind)
 {
@@ -27,9 +22,11 @@ QJsonValue readAs(const JsonFieldReader &r, const QString &kind)
     if (kind == "int") return r.readInt(k);
     if (kind == "double") return r.readDouble(k);
     if (kind == "bool") return r.readBool(k);
-    if (kind == "date") return dateValue(r.readDateTime(k));
+    if (kind == "date") return QJsonValue::fromVariant(r.readDateTime(k));
     if (kind == "list") return QJsonArray::fromStringList(r.readStringList(k));
     if (kind == "enum") return int(r.readEnum<HwProfile::FormFactor>(k));
+    if (kind == "source") return int(r.readEnum<HwProfile::Source>(k));
+    if (kind == "mode") return int(r.readEnum<HwProfile::DisplayMode>(k));
     if (kind == "contains") return r.contains(k);
     if (kind == "object") return r.readObject(k).readInt(QStringLiteral("n"));
     QJsonArray values;
@@ -65,7 +62,7 @@ private slots:
     {
         QV_FETCH_CASE;
         LogCapture log;
-        const Version v = c.contains("text") ? parseVersion(c["text"].toString()) : versionOf(c["fields"].toArray());
+        const Version v = c.contains("text") ? parseVersion(c["text"].toString()) : c["default"].toBool() ? Version() : versionOf(c["fields"].toArray());
         const QJsonArray fields{v.majorVersion, v.minorVersion, v.patchVersion, v.patchStatus, v.statusNumber};
         QV_COMPARE_JSON(fields, c["fields"].toArray());
         QCOMPARE(v.toString(), c["full"].toString());
@@ -121,7 +118,7 @@ private slots:
         QV_FETCH_CASE;
         LogCapture log;
         const QJsonObject in = caseInput(c, "model");
-        OsImage image = parseOsImage(in);
+        OsImage image = c["default"].toBool() ? OsImage() : parseOsImage(in);
         if (!c.contains("expect")) {
             QVERIFY(image == OsImage());
             // "<input>" stands for the whole input, which a faulty description is logged with.

@@ -11,11 +11,11 @@
 
 static const char MigrateAndWrite[] = "--migrate-and-write";
 
-// The newest damaged copy kept beside path when it holds exactly damaged, else "".
-static QString keptAside(const QString &path, const QByteArray &damaged)
+// Damaged copies are kept under names that hold the second ("%T"); rows that keep one start at a fresh second.
+static QString keepingSecond(const QJsonObject &c)
 {
-    const QFileInfoList kept = QFileInfo(path).dir().entryInfoList({"*.bad-*"}, QDir::Files, QDir::Name);
-    return kept.isEmpty() || fileContents(kept.last().filePath()) != damaged ? QString() : kept.last().filePath();
+    QThread::msleep(QJsonDocument(c["log"].toArray()).toJson().contains("%T") ? 1000 - QTime::currentTime().msec() : 0);
+    return QDateTime::currentDateTime().toString("yyyyMMdd-HHmmss");
 }
 
 class tst_Settings : public QObject
@@ -46,11 +46,14 @@ private slots:
         const bool unreadable = c["unreadable"].toBool();
         QVERIFY(!unreadable || (QFile::setPermissions(path, {}) && QFile::setPermissions(dir.path(), QFileDevice::Permissions(0x7777))));
         setfsuid(unreadable && owner == 0 ? 65534 : owner);
+        const QList<QPair<QString, QString>> names{{"%1", path}, {"%T", keepingSecond(c)}};
+        for (const QJsonValue &kept : expand(c["kept"], names).toArray())  // copies kept earlier in that second
+            QVERIFY(writeFile(kept.toString(), "old"));
         LogCapture capture;
         for (const QJsonValue &write : c["writes"].toArray())
             store.setValue(write[0].toString().split('/'), write[1].toVariant());
         setfsuid(owner), QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner);
-        QV_COMPARE_JSON(logLines(capture), expand(c["log"], {{"%1", path}, {"%BAD", keptAside(path, initial)}}).toArray());
+        QV_COMPARE_JSON(logLines(capture), expand(c["log"], names).toArray());
         // Unchanged unless a whole new object is expected.
         QCOMPARE(fileContents(path), c.contains("expected") ? QJsonDocument(c["expected"].toObject()).toJson() : initial);
         const QJsonObject object = jsonFileObject(path);
@@ -114,9 +117,10 @@ private slots:
         QVERIFY(writeFile(path, initial));
         QSettings source(QV_TEST_DATA_DIR "/settings/" + c["legacy"].toString(), QSettings::IniFormat);
         JsonSettings target(path, false);
+        const QString second = keepingSecond(c);
         LogCapture capture;
         migrateSettings(source, target);
-        QV_COMPARE_JSON(logLines(capture), expand(c["log"], {{"%1", path}, {"%BAD", keptAside(path, initial)}}).toArray());
+        QV_COMPARE_JSON(logLines(capture), expand(c["log"], {{"%1", path}, {"%T", second}}).toArray());
         const QString golden = QString::fromUtf8(fileContents(QV_TEST_DATA_DIR "/settings/" + c["expected"].toString()));
         QCOMPARE(QString::fromUtf8(fileContents(path)), c.contains("expected")
                  ? QString(golden).replace("%HOME", QDir::homePath()).replace("%DEPLOYED", deployedDirectory()) : initial);
