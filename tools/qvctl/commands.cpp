@@ -372,7 +372,7 @@ bool Commands::isRunning(VMToolsMachine *machine) const
     return machine->status() == VMToolsMachine::StateRunning;
 }
 
-int Commands::failed(const QStringList &devices, const QString &message, const QString &identifier) const
+int Commands::failed(const QStringList &devices, const QString &message, const QString &identifier, int exitCode) const
 {
     // Another process's operation on the device is the likelier cause: say so.
     for (const QString &device : devices) {
@@ -380,7 +380,7 @@ int Commands::failed(const QStringList &devices, const QString &message, const Q
             return m_out.fail(ExitCode::DeviceBusy,
                               QStringLiteral("device '%1' is busy with another operation; try again when it has ended").arg(device));
     }
-    return m_out.fail(ExitCode::Failure, message, identifier);
+    return m_out.fail(exitCode, message, identifier);
 }
 
 int Commands::refuseRunning(const QString &name, const QString &action) const
@@ -613,11 +613,10 @@ int Commands::start()
             || (lcVMTools().isDebugEnabled()
                     ? log.contains(QtDebugMsg, QStringLiteral("[VMTools] Virtual Machine status: on. Nothing to do."))
                     : runningBefore));
-    if (result == ExitCode::DeviceBusy)
-        return failed({device->name()}, startFailure(result, device->name()).advice);
     if (result != 1) {
+        // 5 also answers a start that another operation held off; failed() tells that apart.
         const StartFailure failure = startFailure(result, device->name());
-        return m_out.fail(failure.exitCode, failure.advice, QString::fromLatin1(failure.identifier));
+        return failed({device->name()}, failure.advice, QString::fromLatin1(failure.identifier), failure.exitCode);
     }
     device->status();  // picks up the port offset of the running QEMU
     const QJsonObject ports = portsJson(device.get());
@@ -676,7 +675,10 @@ int Commands::remove()
         && QFileInfo(folder.canonicalFilePath()).dir() == m_engine->devicesDirectory()) {
         if (!QDir(folder.filePath()).removeRecursively())
             return m_out.fail(ExitCode::Failure, QStringLiteral("could not delete %1. Check its permissions").arg(folder.filePath()));
-        m_out.message(QStringLiteral("Deleted %1, which held no loadable device").arg(folder.filePath()));
+        if (m_out.isJson())
+            m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), name}});
+        else
+            m_out.message(QStringLiteral("Deleted %1, which held no loadable device").arg(folder.filePath()));
         return ExitCode::Success;
     }
     auto device = machine(name);
