@@ -1,4 +1,5 @@
 #include "devicelock.h"
+#include "fakeprogram.h"
 #include "fixtures.h"
 #include "processutils.h"
 #include "testenv.h"
@@ -62,15 +63,19 @@ class tst_Qvctl : public QObject
         process.setProcessEnvironment(environment);
         process.setProcessChannelMode(QProcess::MergedChannels);
         const QStringList homeBefore = QDir(m_dir.filePath("home")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
-        process.start(QVCTL_PATH, arguments);
+        // QV_TEST_TERMINAL=1: on a pseudo-terminal, through util-linux's script.
+        const bool terminal = environment.contains("QV_TEST_TERMINAL");
+        process.start(terminal ? "script" : QVCTL_PATH, terminal ? QStringList{"-qec", "'" QVCTL_PATH "' '" + arguments.join("' '") + "'", "/dev/null"} : arguments);
         if (!process.waitForFinished(60000)) {
             process.kill();
             process.waitForFinished(5000);
         }
-        QString output = QString::fromUtf8(process.readAll()).replace(m_dir.path(), "$DIR");
+        QString output = QString::fromUtf8(process.readAll()).replace(m_dir.path(), "$DIR").replace("\r\n", "\n").replace('\r', "<CR>");
+        // A spinner's frames after the first and its times, which depend on how long the work takes.
+        output.replace("\033[K", "<EL>").replace(QRegularExpression("(<CR>[-|/\\\\] [^<\n]*)(<CR>[-|/\\\\] [^<\n]*)+"), "\\1").replace(QRegularExpression("\\d+\\.\\d s\\b"), "<t> s");
         output.replace(QRegularExpression("[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}"), "<uuid>");
         output.replace(QRegularExpression("(sizeOnDiskBytes\"?:\\s*)\\d+"), "\\1<n>");
-        output.replace(QRegularExpression("(QEMU version: +)\\S+"), "\\1<version>");
+        output.replace(QRegularExpression("(QEMU version: +|\"(?:qemu|version)\": \"|QEMU (?=\\d))[^\"\\s]+"), "\\1<version>");
         output.replace(QRegularExpression("(imageVersion\"?:\\s*\"?|, image )1\\.0\\.\\d+"), "\\11.0.<n>");  // a bare archive's own image version
         output.replace(QRegularExpression("^(\\s*\"?(CPU|CPU virtualisation|Host OS|Host architecture|cpuVendor|cpuVirtualization|hostOs|hostArchitecture)\"?: +).*$",
                                           QRegularExpression::MultilineOption), "\\1<host>");
@@ -95,9 +100,14 @@ private slots:
         QV_REQUIRE_PROGRAM(img, "qemu-img");
         QString ova;
         QVERIFY(m_dir.isValid() && QDir().mkpath(m_dir.filePath("home")) && makeOva(img, m_dir.path(), &ova));
+        // $DIR/qemu-system-x86_64 stands in for QEMU as its rules, a data file, say.
+        QVERIFY(FakeProgram(m_dir.path(), "qemu-system-x86_64").isValid());
         for (const QString &name : QDir(QV_TEST_DATA_DIR "/tools").entryList({"*.json"}))
             QVERIFY(QFile::copy(QV_TEST_DATA_DIR "/tools/" + name, m_dir.filePath(name)));
-        QVERIFY(writeFile(m_dir.filePath("broken.json"), "{ \"uuid\": ") && writeFile(m_dir.filePath("array.json"), "[1, 2]"));
+        // A QEMU log beyond what --json shows; a second home that keeps its devices in the first.
+        QVERIFY(writeFile(m_dir.filePath("home/.Lumarik/Quorvel/deployed/biglog/qemu.log"), "cut\n" + QByteArray(16 << 20, 'x'))
+                && writeFile(m_dir.filePath("home2/.Lumarik/Quorvel/settings.json"),
+                             "{\"version\": 1, \"virtual_devices.directory\": \"" + m_dir.filePath("home/.Lumarik/Quorvel/deployed").toUtf8() + "\"}"));
     }
     void cleanupTestCase()
     {
