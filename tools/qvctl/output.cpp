@@ -118,10 +118,12 @@ void Spinner::run()
     static const char frames[] = {'|', '/', '-', '\\'};
     const QByteArray label = m_label.toLocal8Bit();
     std::unique_lock<std::mutex> lock(m_mutex);
-    for (size_t frame = 0; !m_stop; ++frame) {
+    // The first frame comes however short the work is, so a terminal always sees the spinner.
+    for (size_t frame = 0;; ++frame) {
         std::fprintf(stderr, "\r%c %s %.1f s", frames[frame % sizeof frames], label.constData(), m_timer.elapsed() / 1000.0);
         std::fflush(stderr);
-        m_stopped.wait_for(lock, 100ms, [this] { return m_stop; });
+        if (m_stopped.wait_for(lock, 100ms, [this] { return m_stop; }))
+            return;
     }
 }
 
