@@ -55,7 +55,7 @@ private:
     const CommandLine &m_line;
     const Output &m_out;
     VMToolsEngine *m_engine = nullptr;
-    int m_exitCode = 0;
+    int m_exitCode = ExitCode::Success;
     OsImage m_image;
     HwProfile m_profile;
     bool m_imageDerived = false;
