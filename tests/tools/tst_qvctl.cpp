@@ -14,7 +14,8 @@
 // qvctl run as a user runs it, against a temporary home and the real QEMU. Each step of
 // tests/data/tools/*.txt is "$ [NAME=value ...] arguments", the whole expected output (both
 // streams; "..." ends a comparison early) and "? exit code". $DIR is the test's folder; uuids,
-// disk usage and the host's QEMU version, CPU and OS are masked. QV_REGENERATE_GOLDEN=1 writes the actual steps to <file>.new.
+// disk usage and the host's QEMU version, CPU and OS are masked; a terminal's \r and line
+// clear show as <CR> and <EL>. QV_REGENERATE_GOLDEN=1 writes the actual steps to <file>.new.
 class tst_Qvctl : public QObject
 {
     Q_OBJECT
@@ -63,16 +64,14 @@ class tst_Qvctl : public QObject
         process.setProcessEnvironment(environment);
         process.setProcessChannelMode(QProcess::MergedChannels);
         const QStringList homeBefore = QDir(m_dir.filePath("home")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
-        // QV_TEST_TERMINAL=1: on a pseudo-terminal, through util-linux's script.
-        const bool terminal = environment.contains("QV_TEST_TERMINAL");
+        const bool terminal = environment.contains("QV_TEST_TERMINAL");  // on a pseudo-terminal, through util-linux's script
         process.start(terminal ? "script" : QVCTL_PATH, terminal ? QStringList{"-qec", "'" QVCTL_PATH "' '" + arguments.join("' '") + "'", "/dev/null"} : arguments);
         if (!process.waitForFinished(60000)) {
             process.kill();
             process.waitForFinished(5000);
         }
-        QString output = QString::fromUtf8(process.readAll()).replace(m_dir.path(), "$DIR").replace("\r\n", "\n").replace('\r', "<CR>");
-        // A spinner's frames after the first and its times, which depend on how long the work takes.
-        output.replace("\033[K", "<EL>").replace(QRegularExpression("(<CR>[-|/\\\\] [^<\n]*)(<CR>[-|/\\\\] [^<\n]*)+"), "\\1").replace(QRegularExpression("\\d+\\.\\d s\\b"), "<t> s");
+        QString output = QString::fromUtf8(process.readAll()).replace(m_dir.path(), "$DIR").replace("\r\n", "\n").replace('\r', "<CR>").replace("\033[K", "<EL>");
+        output.replace(QRegularExpression("(<CR>[-|/\\\\] [^<\n]*)(<CR>[-|/\\\\] [^<\n]*)+"), "\\1").replace(QRegularExpression("\\d+\\.\\d s\\b"), "<t> s");  // a spinner's later frames and times
         output.replace(QRegularExpression("[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}"), "<uuid>");
         output.replace(QRegularExpression("(sizeOnDiskBytes\"?:\\s*)\\d+"), "\\1<n>");
         output.replace(QRegularExpression("(QEMU version: +|\"(?:qemu|version)\": \"|QEMU (?=\\d))[^\"\\s]+"), "\\1<version>");
@@ -100,14 +99,12 @@ private slots:
         QV_REQUIRE_PROGRAM(img, "qemu-img");
         QString ova;
         QVERIFY(m_dir.isValid() && QDir().mkpath(m_dir.filePath("home")) && makeOva(img, m_dir.path(), &ova));
-        // $DIR/qemu-system-x86_64 stands in for QEMU as its rules, a data file, say.
-        QVERIFY(FakeProgram(m_dir.path(), "qemu-system-x86_64").isValid());
+        QVERIFY(FakeProgram(m_dir.path(), "qemu-system-x86_64").isValid());  // scripted by qemu-system-x86_64.rules.json
         for (const QString &name : QDir(QV_TEST_DATA_DIR "/tools").entryList({"*.json"}))
             QVERIFY(QFile::copy(QV_TEST_DATA_DIR "/tools/" + name, m_dir.filePath(name)));
         // A QEMU log beyond what --json shows; a second home that keeps its devices in the first.
-        QVERIFY(writeFile(m_dir.filePath("home/.Lumarik/Quorvel/deployed/biglog/qemu.log"), "cut\n" + QByteArray(16 << 20, 'x'))
-                && writeFile(m_dir.filePath("home2/.Lumarik/Quorvel/settings.json"),
-                             "{\"version\": 1, \"virtual_devices.directory\": \"" + m_dir.filePath("home/.Lumarik/Quorvel/deployed").toUtf8() + "\"}"));
+        QVERIFY(writeFile(m_dir.filePath("home/.Lumarik/Quorvel/deployed/biglog/qemu.log"), "cut\n" + QByteArray(16 << 20, 'x')) && writeFile(m_dir.filePath(
+                "home2/.Lumarik/Quorvel/settings.json"), "{\"version\": 1, \"virtual_devices.directory\": \"" + m_dir.filePath("home/.Lumarik/Quorvel/deployed").toUtf8() + "\"}"));
     }
     void cleanupTestCase()
     {
