@@ -497,17 +497,17 @@ int Commands::log()
                                                  .arg(name, file.fileName()));
     if (!file.open(QIODevice::ReadOnly))
         return m_out.fail(ExitCode::Failure, QStringLiteral("cannot read %1: %2").arg(file.fileName(), file.errorString()));
+    // A log is text of modest size, but a runaway one is never held whole: --json shows its
+    // last 16 MiB, and the text is copied as it is, whatever its size, 16 MiB at a time.
+    constexpr qint64 ReadLimit = 16 * 1024 * 1024;
     if (m_out.isJson()) {
-        // A log is text of modest size; a runaway one is cut to its last 16 MiB.
-        constexpr qint64 JsonLimit = 16 * 1024 * 1024;
-        file.seek(qMax<qint64>(0, file.size() - JsonLimit));
+        file.seek(qMax<qint64>(0, file.size() - ReadLimit));
         m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), name}, {QStringLiteral("path"), file.fileName()},
-                    {QStringLiteral("log"), QString::fromUtf8(file.read(JsonLimit))}});
+                    {QStringLiteral("log"), QString::fromUtf8(file.read(ReadLimit))}});
         return ExitCode::Success;
     }
-    // Copied as it is, whatever its size, in bounded chunks.
     QByteArray chunk;
-    while (!(chunk = file.read(64 * 1024)).isEmpty())
+    while (!(chunk = file.read(ReadLimit)).isEmpty())
         std::fwrite(chunk.constData(), 1, size_t(chunk.size()), stdout);
     std::fflush(stdout);
     return ExitCode::Success;
