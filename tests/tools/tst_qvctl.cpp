@@ -1,4 +1,5 @@
 #include "devicelock.h"
+#include "fakeprogram.h"
 #include "fixtures.h"
 #include "processutils.h"
 #include "testenv.h"
@@ -13,7 +14,8 @@
 // qvctl run as a user runs it, against a temporary home and the real QEMU. Each step of
 // tests/data/tools/*.txt is "$ [NAME=value ...] arguments", the whole expected output (both
 // streams; "..." ends a comparison early) and "? exit code". $DIR is the test's folder; uuids,
-// disk usage and the host's QEMU version, CPU and OS are masked. QV_REGENERATE_GOLDEN=1 writes the actual steps to <file>.new.
+// disk usage and the host's QEMU version, CPU and OS are masked; a terminal's \r and line
+// clear show as <CR> and <EL>. QV_REGENERATE_GOLDEN=1 writes the actual steps to <file>.new.
 class tst_Qvctl : public QObject
 {
     Q_OBJECT
@@ -62,15 +64,17 @@ class tst_Qvctl : public QObject
         process.setProcessEnvironment(environment);
         process.setProcessChannelMode(QProcess::MergedChannels);
         const QStringList homeBefore = QDir(m_dir.filePath("home")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
-        process.start(QVCTL_PATH, arguments);
+        const bool terminal = environment.contains("QV_TEST_TERMINAL");  // on a pseudo-terminal, through util-linux's script
+        process.start(terminal ? "script" : QVCTL_PATH, terminal ? QStringList{"-qec", "'" QVCTL_PATH "' '" + arguments.join("' '") + "'", "/dev/null"} : arguments);
         if (!process.waitForFinished(60000)) {
             process.kill();
             process.waitForFinished(5000);
         }
-        QString output = QString::fromUtf8(process.readAll()).replace(m_dir.path(), "$DIR");
+        QString output = QString::fromUtf8(process.readAll()).replace(m_dir.path(), "$DIR").replace("\r\n", "\n").replace('\r', "<CR>").replace("\033[K", "<EL>");
+        output.replace(QRegularExpression("((<CR>[-|/\\\\] [^<\n]*){2})(<CR>[-|/\\\\] [^<\n]*)+"), "\\1").replace(QRegularExpression("\\d+\\.\\d s\\b"), "<t> s");  // a spinner's times and frames after the second
         output.replace(QRegularExpression("[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}"), "<uuid>");
         output.replace(QRegularExpression("(sizeOnDiskBytes\"?:\\s*)\\d+"), "\\1<n>");
-        output.replace(QRegularExpression("(QEMU version: +)\\S+"), "\\1<version>");
+        output.replace(QRegularExpression("(QEMU version: +|\"(?:qemu|version)\": \"|QEMU (?=\\d))[^\"\\s]+"), "\\1<version>");
         output.replace(QRegularExpression("(imageVersion\"?:\\s*\"?|, image )1\\.0\\.\\d+"), "\\11.0.<n>");  // a bare archive's own image version
         output.replace(QRegularExpression("^(\\s*\"?(CPU|CPU virtualisation|Host OS|Host architecture|cpuVendor|cpuVirtualization|hostOs|hostArchitecture)\"?: +).*$",
                                           QRegularExpression::MultilineOption), "\\1<host>");
@@ -95,9 +99,12 @@ private slots:
         QV_REQUIRE_PROGRAM(img, "qemu-img");
         QString ova;
         QVERIFY(m_dir.isValid() && QDir().mkpath(m_dir.filePath("home")) && makeOva(img, m_dir.path(), &ova));
+        QVERIFY(FakeProgram(m_dir.path(), "qemu-system-x86_64").isValid());  // scripted by qemu-system-x86_64.rules.json
         for (const QString &name : QDir(QV_TEST_DATA_DIR "/tools").entryList({"*.json"}))
             QVERIFY(QFile::copy(QV_TEST_DATA_DIR "/tools/" + name, m_dir.filePath(name)));
-        QVERIFY(writeFile(m_dir.filePath("broken.json"), "{ \"uuid\": ") && writeFile(m_dir.filePath("array.json"), "[1, 2]"));
+        // A QEMU log beyond what --json shows; a second home that keeps its devices in the first.
+        QVERIFY(writeFile(m_dir.filePath("home/.Lumarik/Quorvel/deployed/biglog/qemu.log"), "cut\n" + QByteArray(16 << 20, 'x')) && writeFile(m_dir.filePath(
+                "home2/.Lumarik/Quorvel/settings.json"), "{\"version\": 1, \"virtual_devices.directory\": \"" + m_dir.filePath("home/.Lumarik/Quorvel/deployed").toUtf8() + "\"}"));
     }
     void cleanupTestCase()
     {

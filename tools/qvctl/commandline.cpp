@@ -109,14 +109,13 @@ bool isValidDeviceName(const QString &name)
         && !name.contains(QLatin1Char(':')) && !name.startsWith(QLatin1Char('-'));
 }
 
-bool parseMegabytes(const QString &text, qint64 &megabytes)
+std::optional<qint64> parseMegabytes(const QString &text)
 {
-    if (text.isEmpty() || text.startsWith(QLatin1Char('+')))
-        return false;
-    bool ok = false;
+    if (text.startsWith(QLatin1Char('+')))
+        return std::nullopt;
+    bool ok;
     const qint64 value = text.toLongLong(&ok);
     if (!ok || value < 0)
-        return false;
-    megabytes = value;
-    return true;
+        return std::nullopt;
+    return value;
 }

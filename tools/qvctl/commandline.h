@@ -5,6 +5,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
 // The parsed command line: global and per-command options may appear anywhere.
 struct CommandLine
 {
@@ -22,5 +24,5 @@ CommandLine parseCommandLine(const QStringList &arguments);
 QString usageText();
 // A device name is one directory under the devices directory: no separators, no "..".
 bool isValidDeviceName(const QString &name);
-// Whole, non-negative numbers only; false for anything else.
-bool parseMegabytes(const QString &text, qint64 &megabytes);
+// Whole, non-negative numbers only; none for anything else.
+std::optional<qint64> parseMegabytes(const QString &text);

@@ -15,12 +15,12 @@
 
 #include <QCryptographicHash>
 #include <QDateTime>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QElapsedTimer>
 #include <QJsonParseError>
 #include <QRegularExpression>
 #include <QThread>
@@ -30,13 +30,16 @@
 
 #include <cstdio>
 #include <functional>
+#include <thread>
+
+using namespace std::chrono_literals;
 
 namespace {
 
 constexpr int QmpBasePort = 23555;
 constexpr int AdbBasePort = 6555;
 // The library waits only briefly for QEMU to end after quit; a large guest takes longer.
-constexpr int StopWaitMs = 10000;
+constexpr int StopWaitSeconds = 10;
 
 struct Arity
 {
@@ -191,6 +194,14 @@ QVariant typedValue(const QString &text)
     return text;
 }
 
+// Runs work, showing a spinner on a terminal meanwhile, and returns its result.
+template <typename Work>
+auto withSpinner(const QString &label, Work work)
+{
+    const Spinner spinner(label);
+    return work();
+}
+
 } // namespace
 
 Commands::Commands(const CommandLine &line, const Output &output) : m_line(line), m_out(output) {}
@@ -240,13 +251,12 @@ QString Commands::checkUsage()
             return QStringLiteral("'%1' is not a device name (no path separators or '..')").arg(name);
     }
 
-    qint64 size = 0;
-    if (m_line.command == QLatin1String("resize") && !parseMegabytes(args.at(1), size))
+    if (m_line.command == QLatin1String("resize") && !parseMegabytes(args.at(1)))
         return QStringLiteral("'%1' is not a size in MiB").arg(args.at(1));
     if (m_line.command == QLatin1String("sdcard") && args.at(1) != QLatin1String("on")
         && args.at(1) != QLatin1String("off"))
         return QStringLiteral("'sdcard' takes on or off, not '%1'").arg(args.at(1));
-    if (m_line.values.contains(QStringLiteral("sdcard")) && !parseMegabytes(m_line.value(QStringLiteral("sdcard")), size))
+    if (m_line.values.contains(QStringLiteral("sdcard")) && !parseMegabytes(m_line.value(QStringLiteral("sdcard"))))
         return QStringLiteral("'%1' is not a size in MiB").arg(m_line.value(QStringLiteral("sdcard")));
     if (m_line.command == QLatin1String("create"))
         return loadDescriptions();
@@ -309,25 +319,25 @@ QString Commands::loadDescriptions()
                 m_image.imageUri = beside;
         }
     }
-    qint64 sdCard = 0;
-    if (parseMegabytes(m_line.value(QStringLiteral("sdcard")), sdCard))
-        m_profile.sdCardSize = sdCard;
+    if (const std::optional<qint64> sdCard = parseMegabytes(m_line.value(QStringLiteral("sdcard"))))
+        m_profile.sdCardSize = *sdCard;
     return {};
 }
 
 QString Commands::unusableProfileValue() const
 {
     // QEMU would refuse these only at the first start, long after the device was made.
-    const qint64 memory = hostMemoryMegabytes();
     if (m_profile.ramSize <= 0)
         return QStringLiteral("ram_size %1 is not a memory size; give it in MiB").arg(m_profile.ramSize);
-    if (memory > 0 && m_profile.ramSize > memory)
+    const std::optional<qint64> memory = hostMemoryMegabytes();
+    if (memory && m_profile.ramSize > *memory)
         return QStringLiteral("ram_size %1 MiB is more than this host's %2 MiB of memory")
-            .arg(m_profile.ramSize).arg(memory);
-    const int processors = QThread::idealThreadCount();
+            .arg(m_profile.ramSize).arg(*memory);
     if (m_profile.cpuCount <= 0)
         return QStringLiteral("cpu_count %1 is not a processor count").arg(m_profile.cpuCount);
-    if (processors > 0 && m_profile.cpuCount > processors)
+    // At least 1, also where the host does not tell.
+    const int processors = QThread::idealThreadCount();
+    if (m_profile.cpuCount > processors)
         return QStringLiteral("cpu_count %1 is more than this host's %2 processors").arg(m_profile.cpuCount).arg(processors);
     return {};
 }
@@ -354,8 +364,7 @@ std::unique_ptr<VMToolsMachine> Commands::machine(const QString &name)
     std::unique_ptr<VMToolsMachine> loaded(m_engine->loadMachine(name));
     if (loaded)
         return loaded;
-    if (m_engine->isMachineDirectoryPresent(name)
-        || QFileInfo(m_engine->devicesDirectory().absoluteFilePath(name)).isDir()) {
+    if (QFileInfo(m_engine->devicesDirectory().absoluteFilePath(name)).isDir()) {
         // Half there while another process deletes or makes it: then say it is busy.
         m_exitCode = failed({name}, QStringLiteral("device '%1' exists but cannot be loaded; run with -v to see why, "
                                                    "or delete its directory %2")
@@ -372,7 +381,7 @@ bool Commands::isRunning(VMToolsMachine *machine) const
     return machine->status() == VMToolsMachine::StateRunning;
 }
 
-int Commands::failed(const QStringList &devices, const QString &message, const QString &identifier) const
+int Commands::failed(const QStringList &devices, const QString &message, const QString &identifier, int exitCode) const
 {
     // Another process's operation on the device is the likelier cause: say so.
     for (const QString &device : devices) {
@@ -380,7 +389,7 @@ int Commands::failed(const QStringList &devices, const QString &message, const Q
             return m_out.fail(ExitCode::DeviceBusy,
                               QStringLiteral("device '%1' is busy with another operation; try again when it has ended").arg(device));
     }
-    return m_out.fail(ExitCode::Failure, message, identifier);
+    return m_out.fail(exitCode, message, identifier);
 }
 
 int Commands::refuseRunning(const QString &name, const QString &action) const
@@ -401,10 +410,9 @@ int Commands::check()
     const bool acceleration = m_engine->isAccelerationAvailable();
     const HostAccelerator accelerator = hostAccelerator(acceleration);
     const bool virtualization = m_engine->isVirtualizationSupported();
-    const bool ok = errors.isEmpty() && versionOk;
     const QStringList flags = playerFeatures().enabledFlags();
 
-    const QJsonObject report{{QStringLiteral("ok"), ok},
+    const QJsonObject report{{QStringLiteral("ok"), versionOk},
                              {QStringLiteral("engine"), m_engine->name()},
                              {QStringLiteral("installationErrors"), QJsonArray::fromStringList(errors)},
                              {QStringLiteral("version"), m_engine->versionString()},
@@ -424,7 +432,7 @@ int Commands::check()
                              {QStringLiteral("downloadPage"), ProductLinks::downloadPage().toString()},
                              {QStringLiteral("devicesDirectory"), m_engine->devicesDirectory().absolutePath()}};
     if (m_out.isJson()) {
-        if (ok)
+        if (versionOk)
             m_out.json(report);  // a failure prints the report as part of its one object
     } else {
         m_out.fields({{QStringLiteral("Engine"), m_engine->name()},
@@ -489,18 +497,17 @@ int Commands::log()
                                                  .arg(name, file.fileName()));
     if (!file.open(QIODevice::ReadOnly))
         return m_out.fail(ExitCode::Failure, QStringLiteral("cannot read %1: %2").arg(file.fileName(), file.errorString()));
+    // A log is text of modest size, but a runaway one is never held whole: --json shows its
+    // last 16 MiB, and the text is copied as it is, whatever its size, 16 MiB at a time.
+    constexpr qint64 ReadLimit = 16 * 1024 * 1024;
     if (m_out.isJson()) {
-        // A log is text of modest size; a runaway one is cut to its last 16 MiB.
-        constexpr qint64 JsonLimit = 16 * 1024 * 1024;
-        if (file.size() > JsonLimit)
-            file.seek(file.size() - JsonLimit);
+        file.seek(qMax<qint64>(0, file.size() - ReadLimit));
         m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), name}, {QStringLiteral("path"), file.fileName()},
-                    {QStringLiteral("log"), QString::fromUtf8(file.read(JsonLimit))}});
+                    {QStringLiteral("log"), QString::fromUtf8(file.read(ReadLimit))}});
         return ExitCode::Success;
     }
-    // Copied as it is, whatever its size, in bounded chunks.
     QByteArray chunk;
-    while (!(chunk = file.read(64 * 1024)).isEmpty())
+    while (!(chunk = file.read(ReadLimit)).isEmpty())
         std::fwrite(chunk.constData(), 1, size_t(chunk.size()), stdout);
     std::fflush(stdout);
     return ExitCode::Success;
@@ -568,12 +575,9 @@ int Commands::create()
     if (m_imageDerived)
         m_out.message(QStringLiteral("Describing %1 as a user image: name %2, arch x86_64, OS 11.0.0, image %3")
                           .arg(m_image.imageUri, m_image.name, m_image.imageVersion.toString()));
-    int result = 0;
     LogRecorder log;
-    {
-        Spinner spinner(QStringLiteral("Creating %1").arg(name));
-        result = m_engine->createDevice(name, m_image, m_profile);
-    }
+    const int result = withSpinner(QStringLiteral("Creating %1").arg(name),
+                                   [&] { return m_engine->createDevice(name, m_image, m_profile); });
     if (result != 0) {
         const QString cause = log.firstCritical();
         return failed({name}, cause.isEmpty() ? QStringLiteral("could not create '%1'; run with -v for details").arg(name)
@@ -606,19 +610,17 @@ int Commands::start()
     const bool runningBefore = isRunning(device.get());
     LogRecorder log;
     const int result = m_engine->startMachineWithSnapshotPolicy(device.get(), quickboot);
+    if (result != 1) {
+        // 5 also answers a start that another operation held off; failed() tells that apart.
+        const StartFailure failure = startFailure(result, device->name());
+        return failed({device->name()}, failure.advice, QString::fromLatin1(failure.identifier), failure.exitCode);
+    }
     // The engine answers 1 whether it started QEMU or found it running, and only its log
     // tells which; another process may have started the device while this one waited.
-    const bool alreadyRunning = result == 1
-        && (log.contains(QtWarningMsg, QStringLiteral("[VMTools] QEMU process is already running."))
-            || (lcVMTools().isDebugEnabled()
-                    ? log.contains(QtDebugMsg, QStringLiteral("[VMTools] Virtual Machine status: on. Nothing to do."))
-                    : runningBefore));
-    if (result == ExitCode::DeviceBusy)
-        return failed({device->name()}, startFailure(result, device->name()).advice);
-    if (result != 1) {
-        const StartFailure failure = startFailure(result, device->name());
-        return m_out.fail(failure.exitCode, failure.advice, QString::fromLatin1(failure.identifier));
-    }
+    const bool alreadyRunning = log.contains(QtWarningMsg, QStringLiteral("[VMTools] QEMU process is already running."))
+        || (lcVMTools().isDebugEnabled()
+                ? log.contains(QtDebugMsg, QStringLiteral("[VMTools] Virtual Machine status: on. Nothing to do."))
+                : runningBefore);
     device->status();  // picks up the port offset of the running QEMU
     const QJsonObject ports = portsJson(device.get());
     if (m_out.isJson()) {
@@ -644,20 +646,22 @@ int Commands::stop()
     if (!device)
         return m_exitCode;
     const bool wasRunning = isRunning(device.get());
-    if (wasRunning && !m_engine->stopMachine(device.get()))
-        return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not stop '%1'. Run again with -v; if QEMU still runs, end it and "
-                                                            "remove qemu.lock in %2")
-                                                 .arg(device->name(), device->path()));
-    // The engine counts an accepted quit as a stop, whether or not QEMU has ended yet.
-    QElapsedTimer waited;
-    waited.start();
-    while (wasRunning && isRunning(device.get()) && waited.elapsed() < StopWaitMs)
-        QThread::msleep(100);
-    if (wasRunning && isRunning(device.get()))
-        return m_out.fail(ExitCode::Failure, QStringLiteral("QEMU of '%1' accepted quit but still runs after %2 s. Run 'qvctl stop %1' "
-                                                            "again to end it by force")
-                                                 .arg(device->name())
-                                                 .arg(StopWaitMs / 1000));
+    if (wasRunning) {
+        if (!m_engine->stopMachine(device.get()))
+            return failed({device->name()}, QStringLiteral("could not stop '%1'. Run again with -v; if QEMU still runs, end it and "
+                                                           "remove qemu.lock in %2")
+                                                .arg(device->name(), device->path()));
+        // The engine counts an accepted quit as a stop, whether or not QEMU has ended yet.
+        const QDeadlineTimer deadline{std::chrono::seconds(StopWaitSeconds)};
+        while (isRunning(device.get())) {
+            if (deadline.hasExpired())
+                return m_out.fail(ExitCode::Failure, QStringLiteral("QEMU of '%1' accepted quit but still runs after %2 s. Run 'qvctl stop %1' "
+                                                                    "again to end it by force")
+                                                         .arg(device->name())
+                                                         .arg(StopWaitSeconds));
+            std::this_thread::sleep_for(100ms);
+        }
+    }
     if (m_out.isJson())
         m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()}, {QStringLiteral("wasRunning"), wasRunning}});
     else
@@ -676,7 +680,10 @@ int Commands::remove()
         && QFileInfo(folder.canonicalFilePath()).dir() == m_engine->devicesDirectory()) {
         if (!QDir(folder.filePath()).removeRecursively())
             return m_out.fail(ExitCode::Failure, QStringLiteral("could not delete %1. Check its permissions").arg(folder.filePath()));
-        m_out.message(QStringLiteral("Deleted %1, which held no loadable device").arg(folder.filePath()));
+        if (m_out.isJson())
+            m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), name}});
+        else
+            m_out.message(QStringLiteral("Deleted %1, which held no loadable device").arg(folder.filePath()));
         return ExitCode::Success;
     }
     auto device = machine(name);
@@ -685,7 +692,7 @@ int Commands::remove()
     if (isRunning(device.get()))
         return refuseRunning(name, QStringLiteral("delete"));
     if (!m_engine->deleteMachine(device.get()))
-        return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not delete '%1'. Check the permissions of %2").arg(name, device->path()));
+        return failed({name}, QStringLiteral("could not delete '%1'. Check the permissions of %2").arg(name, device->path()));
     if (m_out.isJson())
         m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), name}});
     else
@@ -704,13 +711,10 @@ int Commands::clone()
         return refuseRunning(sourceName, QStringLiteral("clone"));
     if (m_engine->isMachineLoadable(newName))
         return m_out.fail(ExitCode::Failure, QStringLiteral("device '%1' already exists; pick another name").arg(newName));
-    std::unique_ptr<VMToolsMachine> copy;
-    {
-        Spinner spinner(QStringLiteral("Cloning %1 to %2").arg(sourceName, newName));
-        copy.reset(m_engine->cloneMachine(source.get(), newName));
-    }
+    const std::unique_ptr<VMToolsMachine> copy(withSpinner(QStringLiteral("Cloning %1 to %2").arg(sourceName, newName),
+                                                           [&] { return m_engine->cloneMachine(source.get(), newName); }));
     if (!copy)
-        return failed(QStringList{m_line.arguments.at(0), m_line.arguments.at(1)}, QStringLiteral("could not clone '%1'. Check the free disk space; run with -v for details").arg(sourceName));
+        return failed({sourceName, newName}, QStringLiteral("could not clone '%1'. Check the free disk space; run with -v for details").arg(sourceName));
     if (m_out.isJson()) {
         QJsonObject reply = machineJson(copy.get(), false);
         reply.insert(QStringLiteral("ok"), true);
@@ -729,17 +733,13 @@ int Commands::reset()
         return m_exitCode;
     if (isRunning(device.get()))
         return refuseRunning(name, QStringLiteral("reset"));
-    int result = 0;
-    {
-        Spinner spinner(QStringLiteral("Resetting %1").arg(name));
-        result = device->factoryReset();
-    }
+    const int result = withSpinner(QStringLiteral("Resetting %1").arg(name), [&] { return device->factoryReset(); });
     if (result == 3)
         return m_out.fail(ExitCode::Failure, QStringLiteral("the reference disks of '%1' are gone and it was upgraded; create the device again").arg(name));
     if (result != 0)
-        return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not reset '%1'; it is left as it was. Run with -v for details, "
-                                                            "or create the device again from its image")
-                                                 .arg(name));
+        return failed({name}, QStringLiteral("could not reset '%1'; it is left as it was. Run with -v for details, "
+                                             "or create the device again from its image")
+                                  .arg(name));
     if (m_out.isJson())
         m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), name}});
     else
@@ -773,15 +773,15 @@ int Commands::snapshot()
                                                                 "saving a snapshot")
                                                      .arg(device->name()));
         if (!m_engine->saveSnapshot(device.get(), snapshotName))
-            return failed(QStringList{m_line.arguments.at(1)}, QStringLiteral("could not save snapshot '%1'; names of letters, digits and '_' "
-                                                                "work best. Run with -v for details")
-                                                     .arg(snapshotName),
-                              QStringLiteral("savesnapshotfailed"));
+            return failed({device->name()}, QStringLiteral("could not save snapshot '%1'; names of letters, digits and '_' "
+                                                           "work best. Run with -v for details")
+                                                .arg(snapshotName),
+                          QStringLiteral("savesnapshotfailed"));
     } else {
         if (isRunning(device.get()))
             return refuseRunning(device->name(), QStringLiteral("delete a snapshot of"));
         if (!m_engine->deleteSnapshot(device.get(), snapshotName))
-            return failed(QStringList{m_line.arguments.at(1)}, QStringLiteral("could not delete snapshot '%1'. Run with -v for details").arg(snapshotName));
+            return failed({device->name()}, QStringLiteral("could not delete snapshot '%1'. Run with -v for details").arg(snapshotName));
     }
     if (m_out.isJson())
         m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()}, {QStringLiteral("snapshot"), snapshotName}});
@@ -797,13 +797,12 @@ int Commands::resize()
     auto device = machine(m_line.arguments.at(0));
     if (!device)
         return m_exitCode;
-    qint64 megabytes = 0;
-    parseMegabytes(m_line.arguments.at(1), megabytes);
+    const qint64 megabytes = *parseMegabytes(m_line.arguments.at(1));  // checkUsage() let only sizes through
     if (!device->setSdCardSize(megabytes))
-        return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not set the SD card size of '%1' to %2 MiB; stop the device and "
-                                                            "try again, shrinking may be refused by qemu-img")
-                                                 .arg(device->name())
-                                                 .arg(megabytes));
+        return failed({device->name()}, QStringLiteral("could not set the SD card size of '%1' to %2 MiB; stop the device and "
+                                                       "try again, shrinking may be refused by qemu-img")
+                                            .arg(device->name())
+                                            .arg(megabytes));
     if (m_out.isJson())
         m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()},
                     {QStringLiteral("sdCardMiB"), double(device->sdCardSize())}});
@@ -819,9 +818,9 @@ int Commands::sdcard()
         return m_exitCode;
     const bool insert = m_line.arguments.at(1) == QLatin1String("on");
     if (!device->setSdCardInserted(insert))
-        return failed(QStringList{m_line.arguments.at(0)}, QStringLiteral("could not %1 the SD card of '%2'; give it a size first with "
-                                                            "'qvctl resize %2 MiB'")
-                                                 .arg(insert ? QStringLiteral("insert") : QStringLiteral("remove"), device->name()));
+        return failed({device->name()}, QStringLiteral("could not %1 the SD card of '%2'; give it a size first with "
+                                                       "'qvctl resize %2 MiB'")
+                                            .arg(insert ? QStringLiteral("insert") : QStringLiteral("remove"), device->name()));
     if (m_out.isJson())
         m_out.json({{QStringLiteral("ok"), true}, {QStringLiteral("name"), device->name()},
                     {QStringLiteral("sdCardInserted"), device->isSdCardInserted()}});

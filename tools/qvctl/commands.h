@@ -1,6 +1,7 @@
 #pragma once
 
 #include "commandline.h"
+#include "exitcodes.h"
 #include "hwprofile.h"
 #include "osimage.h"
 #include "output.h"
@@ -42,8 +43,10 @@ private:
     // Loads the named device; on failure writes the error and sets m_exitCode.
     std::unique_ptr<VMToolsMachine> machine(const QString &name);
     bool isRunning(VMToolsMachine *machine) const;
-    // A failed operation: exit code 5 naming the device when another operation holds one of them.
-    int failed(const QStringList &devices, const QString &message, const QString &identifier = QString()) const;
+    // A failed operation: exit code 5 naming the device when another operation holds one of
+    // them, otherwise exitCode with the message.
+    int failed(const QStringList &devices, const QString &message, const QString &identifier = QString(),
+               int exitCode = ExitCode::Failure) const;
     int refuseRunning(const QString &name, const QString &action) const;
     QString loadDescriptions();
     // Empty when the profile's memory and processors can run on this host; otherwise why not.
@@ -52,7 +55,7 @@ private:
     const CommandLine &m_line;
     const Output &m_out;
     VMToolsEngine *m_engine = nullptr;
-    int m_exitCode = 0;
+    int m_exitCode = ExitCode::Success;
     OsImage m_image;
     HwProfile m_profile;
     bool m_imageDerived = false;

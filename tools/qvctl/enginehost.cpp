@@ -12,7 +12,7 @@
 
 namespace {
 
-bool s_verbose = false;
+bool s_verbose;  // set by installMessageHandler() before anything logs
 LogRecorder *s_recorder = nullptr;
 QString s_lastCritical;
 

@@ -7,7 +7,7 @@
 struct HostAccelerator
 {
     QString name;     // "KVM", "TCG", "WHPX or HAXM" or "none"
-    bool hardware = false;
+    bool hardware;
     QString warning;  // what the user loses and how to fix it; empty when all is well
 };
 

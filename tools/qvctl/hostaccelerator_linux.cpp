@@ -2,11 +2,6 @@
 
 #include <QFile>
 
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
-
 HostAccelerator hostAccelerator(bool engineAccelerates)
 {
     if (!engineAccelerates)
@@ -16,15 +11,12 @@ HostAccelerator hostAccelerator(bool engineAccelerates)
     // QEMU needs the device node read-write; QV_KVM_DEVICE lets a test hide it.
     const QString node = qEnvironmentVariableIsEmpty("QV_KVM_DEVICE") ? QStringLiteral("/dev/kvm")
                                                                        : qEnvironmentVariable("QV_KVM_DEVICE");
-    const int fd = ::open(QFile::encodeName(node).constData(), O_RDWR | O_CLOEXEC);
-    if (fd >= 0) {
-        ::close(fd);
+    QFile device(node);
+    if (device.open(QIODevice::ReadWrite | QIODevice::ExistingOnly))
         return {QStringLiteral("KVM"), true, QString()};
-    }
-    const QString reason = QString::fromLocal8Bit(std::strerror(errno));
     return {QStringLiteral("TCG"), false,
             QStringLiteral("KVM is not usable (%1: %2), so devices run under TCG and Android will be very slow. "
                            "To enable KVM, load the kvm_intel or kvm_amd module, add your user to the kvm group "
                            "(then log in again), and enable virtualisation in the firmware settings.")
-                .arg(node, reason)};
+                .arg(node, device.errorString())};
 }

@@ -2,5 +2,7 @@
 
 #include <QtGlobal>
 
-// The host's physical memory in MiB, or 0 when the system does not tell.
-qint64 hostMemoryMegabytes();
+#include <optional>
+
+// The host's physical memory in MiB; none when the system does not tell.
+std::optional<qint64> hostMemoryMegabytes();

@@ -2,11 +2,11 @@
 
 #include <windows.h>
 
-qint64 hostMemoryMegabytes()
+std::optional<qint64> hostMemoryMegabytes()
 {
     MEMORYSTATUSEX status;
     status.dwLength = sizeof(status);
     if (!GlobalMemoryStatusEx(&status))
-        return 0;
+        return std::nullopt;
     return qint64(status.ullTotalPhys / (1024 * 1024));
 }

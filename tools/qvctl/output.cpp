@@ -7,6 +7,8 @@
 #include <chrono>
 #include <cstdio>
 
+using namespace std::chrono_literals;
+
 #ifdef Q_OS_WIN
 #include <io.h>
 #define QV_ISATTY _isatty
@@ -23,15 +25,14 @@ void Output::table(const QStringList &headers, const QList<QStringList> &rows) c
     for (int c = 0; c < headers.size(); ++c)
         widths[c] = headers.at(c).size();
     for (const QStringList &row : rows) {
-        for (int c = 0; c < row.size() && c < widths.size(); ++c)
-            widths[c] = qMax(widths[c], row.at(c).size());
+        for (int c = 0; c < widths.size(); ++c)
+            widths[c] = qMax(widths[c], row.value(c).size());
     }
     auto print = [&](const QStringList &cells) {
         QString line;
-        for (int c = 0; c < widths.size(); ++c) {
-            const QString cell = cells.value(c);
-            line += c + 1 < widths.size() ? cell.leftJustified(widths[c] + 2) : cell;
-        }
+        for (int c = 0; c < widths.size(); ++c)
+            line += cells.value(c).leftJustified(widths[c] + 2);
+        // The last column, or empty cells at the end, leave no trailing blanks.
         std::printf("%s\n", qPrintable(line.trimmed()));
     };
     print(headers);
@@ -102,7 +103,11 @@ Spinner::~Spinner()
 {
     if (!m_thread.joinable())
         return;
-    m_stop = true;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_stop = true;
+    }
+    m_stopped.notify_one();
     m_thread.join();
     std::fprintf(stderr, "\r\033[K%s done in %.1f s\n", qPrintable(m_label), m_timer.elapsed() / 1000.0);
     std::fflush(stderr);
@@ -112,20 +117,22 @@ void Spinner::run()
 {
     static const char frames[] = {'|', '/', '-', '\\'};
     const QByteArray label = m_label.toLocal8Bit();
-    for (int frame = 0; !m_stop; ++frame) {
-        std::fprintf(stderr, "\r%c %s %.1f s", frames[frame % 4], label.constData(), m_timer.elapsed() / 1000.0);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    // The first frame comes however short the work is, so a terminal always sees the spinner.
+    for (size_t frame = 0;; ++frame) {
+        std::fprintf(stderr, "\r%c %s %.1f s", frames[frame % sizeof frames], label.constData(), m_timer.elapsed() / 1000.0);
         std::fflush(stderr);
-        for (int i = 0; i < 10 && !m_stop; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        if (m_stopped.wait_for(lock, 100ms, [this] { return m_stop; }))
+            return;
     }
 }
 
 void drawProgress(int done, int total)
 {
-    if (!Output::stderrIsTerminal() || total <= 0)
+    if (!Output::stderrIsTerminal() || total < 1)
         return;
     constexpr int Width = 30;
-    const int filled = int(qint64(Width) * qBound(0, done, total) / total);
+    const int filled = int(qint64(Width) * qMin(done, total) / total);
     std::fprintf(stderr, "\r[%s%s] %d/%d", QByteArray(filled, '#').constData(),
                  QByteArray(Width - filled, '.').constData(), done, total);
     if (done >= total)

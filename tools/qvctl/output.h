@@ -6,7 +6,8 @@
 #include <QString>
 #include <QStringList>
 
-#include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 // Human-readable tables and key/value blocks on standard output, or one JSON document
@@ -46,7 +47,9 @@ private:
 
     QString m_label;
     QElapsedTimer m_timer;
-    std::atomic<bool> m_stop{false};
+    std::mutex m_mutex;
+    std::condition_variable m_stopped;
+    bool m_stop = false;  // guarded by m_mutex
     std::thread m_thread;
 };
 
