@@ -326,18 +326,22 @@ private slots:
         auto machine = load("keep");
         const QString system = machine->path() + "/system.qcow2";
         if (row["diskHeld"].toBool()) {
-            m_holder.start(m_engine->qemuPath(), {"-nodefaults", "-display", "none", "-S", "-m", "64M", "-drive", "file=" + system + ",format=qcow2"});
-            // Until QEMU holds the image's lock. QTRY counts its steps, not the time a slow
-            // check takes, so the clock bounds this wait.
-            bool held = false;
-            for (const QDeadlineTimer deadline(30000); !held && m_holder.state() != QProcess::NotRunning && !deadline.hasExpired(); QTest::qWait(100))
-                held = !runTool(m_img, {"info", system}, 5000);
-            QVERIFY2(held, qPrintable(m_holder.errorString() + m_holder.readAllStandardError()));
+            // QEMU answers on its monitor only once its drives are open and locked: a qemu-img
+            // probe before that races the holder for the image's lock and may make it give up.
+            m_holder.start(m_engine->qemuPath(), {"-nodefaults", "-display", "none", "-S", "-m", "64M", "-qmp", "stdio", "-drive", "file=" + system + ",format=qcow2"});
+            m_holder.write("{\"execute\": \"qmp_capabilities\"}\n");
+            QByteArray answer;
+            for (const QDeadlineTimer deadline(30000); !answer.contains("\"return\"") && m_holder.waitForReadyRead(int(deadline.remainingTime()));)
+                answer += m_holder.readAllStandardOutput();
+            const CommandResult probe = runCommand(m_img, {"info", system});
+            QVERIFY2(probe.error.contains("Failed to get") && probe.error.contains("lock"), qPrintable(answer + probe.error + m_holder.readAllStandardError()));
         }
         LogCapture log;
         const mode_t umask = ::umask(0);  // QEMU's socket open to all: only the folder guards it
-        QCOMPARE(m_engine->startMachine(machine.get(), QString()), result);
+        const int started = m_engine->startMachine(machine.get(), QString());
         ::umask(umask);
+        QVERIFY2(started == result, qPrintable(QString("start gave %1; holder %2 %3; qemu.log: %4; log:\n%5").arg(started).arg(m_holder.state() == QProcess::Running ? "running" : "not running",
+                 m_holder.readAllStandardError(), fileContents(machine->logFilePath()), log.dump())));
         m_pid = QSettings(machine->lockFilePath(), QSettings::IniFormat).value("pid").toLongLong();
         if (result != QEMUMachine::StartRunning) {
             QVERIFY2(log.contains(QtCriticalMsg, message), qPrintable(log.dump()));
