@@ -18,7 +18,7 @@ public:
     // The same for a device about to be made: its folder need not exist.
     bool acquireForNew();
     // Takes the lock only if it is free at once; silent.
-    bool tryAcquire() { return m_lock.tryLock(0); }
+    bool tryAcquire() { return m_lock.tryLock(); }
     // True while another thread or process holds the device's lock.
     static bool isBusy(const QString &devicePath);
 

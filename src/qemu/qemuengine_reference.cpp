@@ -79,7 +79,7 @@ bool QEMUEngine::prepareReferenceDisks(const QString &archive, const Version &fi
     QLockFile lock(reference.absolutePath() + QStringLiteral(".lock"));
     // Only a dead owner frees the lock: a conversion may hold it for minutes.
     lock.setStaleLockTime(0);
-    if (!lock.tryLock(0)) {
+    if (!lock.tryLock()) {
         vmInfo("Waiting for another process to prepare", reference.absolutePath());
         if (!lock.tryLock(PreparationWaitMs)) {
             vmCritical("Another process is still preparing", reference.absolutePath());
