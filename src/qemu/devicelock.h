@@ -21,6 +21,8 @@ public:
     bool tryAcquire() { return m_lock.tryLock(); }
     // True while another thread or process holds the device's lock.
     static bool isBusy(const QString &devicePath);
+    // Replaces the wait of a few seconds, so that tests of a busy device need not wait that long.
+    static void setWaitForTesting(int ms);
 
 private:
     QString m_path;
