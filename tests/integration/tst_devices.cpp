@@ -207,9 +207,8 @@ private slots:
     void faults()
     {
         QFETCH(const QJsonObject, row);
-        // "moved": a reference file put aside, and a folder, a link to it or a FIFO "left" in its place;
-        // "gone": a reference disk converted again, whose half-made copy must not stay; "blocked":
-        // a folder in the device where a reset puts a disk aside. No "upgraded": the device never said.
+        // "moved": a reference file put aside, a folder, a link to it or a FIFO "left" in its place; "gone": a reference disk converted
+        // again, whose half-made copy must not stay; "blocked": a folder where a reset puts a disk aside. No "upgraded": never said.
         const QString moved = row["moved"].toString(), gone = row["gone"].toString(), left = row["left"].toString(), blocked = row["blocked"].toString();
         const int sleepMs = row["sleepMs"].toInt();
         auto keep = load("keep");
@@ -271,7 +270,6 @@ private slots:
         const auto before = treeHashes(m_devs);
         QVERIFY(!gone || QDir().rename(keep->path(), m_devs + "/away"));
         LogCapture log;
-        const bool busy = DeviceLock::isBusy(keep->path());
         const int result = op == "start" ? m_engine->startMachine(keep.get(), QString())
                          : op == "stop" ? int(m_engine->stopMachine(keep.get()))
                          : op == "create" ? m_engine->createDevice("keep", m_image, testProfile())
@@ -280,7 +278,7 @@ private slots:
                          : op == "delete" ? int(m_engine->deleteMachine(keep.get()))
                                           : int(std::unique_ptr<VMToolsMachine>(m_engine->cloneMachine(keep.get(), "copy2")) != nullptr);
         QVERIFY(!gone || QDir().rename(m_devs + "/away", keep->path()));
-        QCOMPARE((QList<int>{result, busy}), (QList<int>{row["result"].toInt(), !gone}));
+        QCOMPARE((QList<int>{result, DeviceLock::isBusy(keep->path())}), (QList<int>{row["result"].toInt(), !gone}));
         QVERIFY2(log.contains(QtCriticalMsg, gone ? "[VMTools] Device keep no longer exists" : "[VMTools] Device keep is busy with another operation"), qPrintable(log.dump()));
         QCOMPARE(treeHashes(m_devs), before);
     }

@@ -1,8 +1,10 @@
 #include "casetable.h"
+#include "devicelock.h"
 #include "fakeprogram.h"
 #include "fixtures.h"
 #include "logcapture.h"
 #include "multisettings.h"
+#include "portoffsetreservation.h"
 #include "processutils.h"
 #include "qemuengine.h"
 #include "qemumachine.h"
@@ -57,6 +59,9 @@ private slots:
         QCOMPARE(engine.factoryReset(nullptr), 2);
         QCOMPARE(log.lines(QtCriticalMsg), (QStringList{"[VMTools] Cannot start a machine that QEMU does not run",
                                                         "[VMTools] Failed to save snapshot s", "[VMTools] Cannot factory reset null machine"}));
+        // Nor does a device that does not run save a snapshot; one in a folder that is not there is not busy.
+        auto stopped = newDevice(engine, "dev");
+        QVERIFY(!engine.saveSnapshot(stopped.get(), "t") && log.lines(QtCriticalMsg).last() == "[VMTools] Failed to save snapshot t" && !DeviceLock::isBusy(m_home.filePath("none/dev")));
     }
 
     // Single-file operations: a missing file counts as removed; a folder is neither copied nor removed.
@@ -71,21 +76,21 @@ private slots:
         QVERIFY(engine.removeFile(dir.filePath("f")) && !QFile::exists(dir.filePath("f")) && engine.removeFile(dir.filePath("f")));
         QVERIFY(!engine.removeFile(dir.filePath("folder")) && QFileInfo::exists(dir.filePath("folder/inner")));
         QCOMPARE(log.lines(QtWarningMsg).filter("Failed to remove").size(), 1);
+        // Disk work on a missing file is refused before qemu-img runs; here qemu-img is missing too.
+        QVERIFY(!engine.createOverlayDisk(dir.filePath("none"), dir.filePath("o")) && !engine.convertToQcow2(dir.filePath("none"), dir.filePath("c"))
+                && !engine.resizeDisk(nullptr, dir.filePath("none"), 8) && !engine.resizeDisk(nullptr, dir.filePath("g"), 8));
+        QCOMPARE(log.lines(QtCriticalMsg), (QStringList{"[VMTools] Failed to copy " + dir.filePath("folder") + " to " + dir.filePath("h") + " : Not a regular file",
+                                                        "[VMTools] Backing disk file not found: " + dir.filePath("none"), "[VMTools] Disk file not found: " + dir.filePath("none"),
+                                                        "[VMTools] Can't run " + m_bin.filePath("qemu-img"), "[VMTools] Failed to resize " + dir.filePath("g") + " . "}));
     }
 
     // Renaming moves the folder and gives the device its new uuid; a taken name changes nothing.
-    void applyMachineChange_data()
-    {
-        QTest::addColumn<QString>("newName");
-        QTest::addColumn<bool>("ok");
-        QTest::newRow("new name") << "renamed" << true;
-        QTest::newRow("same name") << "device" << true;
-        QTest::newRow("name taken") << "other" << false;
-    }
+    void applyMachineChange_data() { addCaseRows("engine/renames.json"); }
     void applyMachineChange()
     {
-        QFETCH(QString, newName);
-        QFETCH(bool, ok);
+        QV_FETCH_CASE;
+        const QString newName = c["newName"].toString();
+        const bool ok = c["ok"].toBool();
         QEMUEngine engine;
         auto machine = newDevice(engine, "device");
         QVERIFY(machine && newDevice(engine, "other"));
@@ -99,19 +104,23 @@ private slots:
         QCOMPARE(reloaded->uuid(), ok ? QStringLiteral("uuid-2") : oldUuid);
     }
 
-    // Offsets go 0, 7, ... 693; a device already running keeps its offset; a port that QEMU
+    // Offsets go 0, 7, ... 693; one that another start holds, in this process or in another
+    // (its lock file), is passed; a device already running keeps its offset; a port that QEMU
     // finds taken after the probe moves the start once, to the next free offset.
     void portOffsetSearch()
     {
         QEMUEngine engine;
         auto first = newDevice(engine, "first"), second = newDevice(engine, "second");
         QVERIFY(first && second);
-        const QJsonObject clash{{"match", QJsonArray()}, {"times", 1}, {"stderr", "Could not set up host forwarding rule 'tcp:127.0.0.1:6555-:5555'\n"}};
+        QLockFile otherProcess(engine.devicesDirectory().filePath(".port-offset-0.lock"));
+        PortOffsetReservation otherStart(engine.devicesDirectory().absolutePath());
+        QVERIFY(otherProcess.tryLock() && otherStart.tryHold(7));
+        const QJsonObject clash{{"match", QJsonArray()}, {"times", 1}, {"stderr", "Could not set up host forwarding rule 'tcp:127.0.0.1:6569-:5555'\n"}};
         m_qemu->setRules({{"calls", true}, {"rules", QJsonArray{clash, QJsonObject{{"match", QJsonArray()}, {"sleep_ms", 20000}}}}});
         LogCapture clashLog;
         QCOMPARE(engine.startMachine(second.get(), QString()), int(QEMUMachine::StartRunning));
-        QCOMPARE(QEMUMachine(&engine, second->path()).portOffset(), quint16(7));
-        QVERIFY2(clashLog.contains(QtWarningMsg, "[VMTools] Port offset 0 was taken meanwhile, starting again at offset 7"), qPrintable(clashLog.dump()));
+        QCOMPARE(QEMUMachine(&engine, second->path()).portOffset(), quint16(21));
+        QVERIFY2(clashLog.contains(QtWarningMsg, "[VMTools] Port offset 14 was taken meanwhile, starting again at offset 21"), qPrintable(clashLog.dump()));
         killProcessesBelow(m_bin.path());
 
         QList<std::shared_ptr<QTcpServer>> taken;
@@ -120,9 +129,14 @@ private slots:
             QVERIFY(taken.last()->listen(QHostAddress::Any, quint16(6555 + offset)));
         }
         scriptQemu(QString(), 20000);
-        QCOMPARE(engine.startMachine(first.get(), QString()), int(QEMUMachine::StartRunning));
+        bool quick = true;  // a quick boot asked for, which QEMU answers with a cold boot
+        first->setHasSnapshot(true);
+        QCOMPARE(engine.startMachineWithSnapshotPolicy(first.get(), quick), int(QEMUMachine::StartRunning));
         QCOMPARE(QEMUMachine(&engine, first->path()).portOffset(), quint16(693));
-        QVERIFY(m_qemu->calls().value(2).contains("hostfwd=tcp:127.0.0.1:7248-:5555,"));
+        QVERIFY(!quick && m_qemu->calls().value(2).contains("hostfwd=tcp:127.0.0.1:7248-:5555,") && !m_qemu->calls().value(2).contains("-loadvm"));
+        QList<int> progress;
+        qDeleteAll(engine.listMachines([&](int done, int total) { progress << done << total; }));
+        QCOMPARE((QList<int>{engine.findPortOffset(), int(progress.size())} + progress), (QList<int>{-1, 4, 1, 2, 2, 2}));
 
         LogCapture log;
         QCOMPARE(engine.startMachine(second.get(), QString()), int(QEMUMachine::StartFailed));
@@ -133,25 +147,17 @@ private slots:
 
     // QMP's socket: in the device folder, or in a private runtime folder when that path is too
     // long for a socket address (107 bytes), under a name of its own per device; none over TCP.
-    void qmpSocket_data()
-    {
-        QTest::addColumn<int>("nameLength");
-        QTest::addColumn<bool>("overTcp");
-        QTest::addColumn<QString>("where");
-        QTest::newRow("in the device folder") << 8 << false << "device";
-        QTest::newRow("path too long for a socket") << 100 << false << "runtime";
-        QTest::newRow("QMP over TCP") << 100 << true << "";
-    }
+    void qmpSocket_data() { addCaseRows("engine/qmpsockets.json"); }
     void qmpSocket()
     {
-        QFETCH(int, nameLength);
-        QFETCH(bool, overTcp);
-        QFETCH(QString, where);
+        QV_FETCH_CASE;
+        const bool overTcp = c["overTcp"].toBool();
+        const QString where = c["where"].toString();
         QTemporaryDir runtime;
         qputenv("XDG_RUNTIME_DIR", runtime.path().toUtf8());
         settings()->userSettings()->setValue("virtual_devices.qmp_over_tcp", overTcp);
         QEMUEngine engine;
-        const QString path = engine.devicePath(QString(nameLength, 'n')), socket = engine.qmpSocketPath(path);
+        const QString path = engine.devicePath(QString(c["nameLength"].toInt(), 'n')), socket = engine.qmpSocketPath(path);
         QCOMPARE(engine.qmpSocketPath(path), socket);
         const QString folder = runtime.path() + "/quorvel-qmp";
         QCOMPARE(QFileInfo(socket).path(), where == "device" ? path : where == "runtime" ? folder : "");
@@ -160,29 +166,14 @@ private slots:
         settings()->userSettings()->setValue("virtual_devices.qmp_over_tcp", false);
     }
 
-    void startResults_data()
-    {
-        QTest::addColumn<QString>("errorText");
-        QTest::addColumn<int>("sleepMs");  // how long the stand-in lives
-        QTest::addColumn<int>("expected");
-        QTest::addColumn<QStringList>("critical");
-        QTest::newRow("running") << QString() << 20000 << 1 << QStringList();
-        QTest::newRow("busy") << "qemu-system-x86_64: Could not access KVM kernel module: Device or resource busy\n"
-                              << 0 << 5 << QStringList{"Device or resource busy"};
-        QTest::newRow("write lock") << "qemu-system-x86_64: Failed to get \"write\" lock\nIs another process using the image?\n"
-                                    << 0 << 6 << QStringList{"Another process is using a system file"};
-        QTest::newRow("port") << "could not set up host forwarding rule 'tcp::6555-:5555': failed to find an available port\n" << 0 << 7
-                              << QStringList{"Another process is using the same port"};
-        QTest::newRow("memory, still running") << "phys-bits too low: addressing limited\n" << 20000 << 9 << QStringList();
-        QTest::newRow("early exit") << "qemu-system-x86_64: something else\n" << 0 << 0
-                                    << QStringList{"[VMTools] QEMU process has stopped too early. Check qemu.log for more details"};
-    }
+    // "stderr": what the stand-in says; "sleepMs": how long it lives; "critical": the first lines at that level.
+    void startResults_data() { addCaseRows("engine/starts.json"); }
     void startResults()
     {
-        QFETCH(QString, errorText);
-        QFETCH(int, sleepMs);
-        QFETCH(int, expected);
-        QFETCH(QStringList, critical);
+        QV_FETCH_CASE;
+        const QString errorText = c["stderr"].toString();
+        const int sleepMs = c["sleepMs"].toInt(), expected = c["result"].toInt();
+        const QStringList critical = c["critical"].toVariant().toStringList();
         scriptQemu(errorText, sleepMs);
         QEMUEngine engine;
         auto machine = newDevice(engine, "dev");
