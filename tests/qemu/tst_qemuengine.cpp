@@ -60,8 +60,7 @@ private slots:
         QCOMPARE(log.lines(QtCriticalMsg), (QStringList{"[VMTools] Cannot start a machine that QEMU does not run",
                                                         "[VMTools] Failed to save snapshot s", "[VMTools] Cannot factory reset null machine"}));
         // Nor does a device that does not run save a snapshot; one in a folder that is not there is not busy.
-        auto stopped = newDevice(engine, "dev");
-        QVERIFY(!engine.saveSnapshot(stopped.get(), "t") && log.lines(QtCriticalMsg).last() == "[VMTools] Failed to save snapshot t" && !DeviceLock::isBusy(m_home.filePath("none/dev")));
+        QVERIFY(!engine.saveSnapshot(newDevice(engine, "dev").get(), "t") && log.lines(QtCriticalMsg).last() == "[VMTools] Failed to save snapshot t" && !DeviceLock::isBusy(m_home.filePath("none/dev")));
     }
 
     // Single-file operations: a missing file counts as removed; a folder is neither copied nor removed.
@@ -122,6 +121,8 @@ private slots:
         QCOMPARE(QEMUMachine(&engine, second->path()).portOffset(), quint16(21));
         QVERIFY2(clashLog.contains(QtWarningMsg, "[VMTools] Port offset 14 was taken meanwhile, starting again at offset 21"), qPrintable(clashLog.dump()));
         killProcessesBelow(m_bin.path());
+        scriptQemu("Failed to get \"write\" lock\n", 0);  // any other failure is not tried again
+        QCOMPARE(engine.startMachine(second.get(), QString()), int(QEMUMachine::StartSystemFileLocked));
 
         QList<std::shared_ptr<QTcpServer>> taken;
         for (int offset = 0; offset < 693; offset += 7) {
@@ -133,7 +134,7 @@ private slots:
         first->setHasSnapshot(true);
         QCOMPARE(engine.startMachineWithSnapshotPolicy(first.get(), quick), int(QEMUMachine::StartRunning));
         QCOMPARE(QEMUMachine(&engine, first->path()).portOffset(), quint16(693));
-        QVERIFY(!quick && m_qemu->calls().value(2).contains("hostfwd=tcp:127.0.0.1:7248-:5555,") && !m_qemu->calls().value(2).contains("-loadvm"));
+        QVERIFY(!quick && m_qemu->calls().value(3).contains("hostfwd=tcp:127.0.0.1:7248-:5555,") && !m_qemu->calls().value(3).contains("-loadvm"));
         QList<int> progress;
         qDeleteAll(engine.listMachines([&](int done, int total) { progress << done << total; }));
         QCOMPARE((QList<int>{engine.findPortOffset(), int(progress.size())} + progress), (QList<int>{-1, 4, 1, 2, 2, 2}));
@@ -142,7 +143,7 @@ private slots:
         QCOMPARE(engine.startMachine(second.get(), QString()), int(QEMUMachine::StartFailed));
         QCOMPARE(log.lines(QtCriticalMsg), QStringList{"[VMTools] Failed to determine a port offset"});
         QCOMPARE(engine.startMachine(first.get(), QString()), int(QEMUMachine::StartRunning));
-        QCOMPARE(m_qemu->calls().size(), 3);  // neither start above launched QEMU
+        QCOMPARE(m_qemu->calls().size(), 4);  // neither start above launched QEMU
     }
 
     // QMP's socket: in the device folder, or in a private runtime folder when that path is too
@@ -151,11 +152,10 @@ private slots:
     void qmpSocket()
     {
         QV_FETCH_CASE;
-        const bool overTcp = c["overTcp"].toBool();
         const QString where = c["where"].toString();
         QTemporaryDir runtime;
         qputenv("XDG_RUNTIME_DIR", runtime.path().toUtf8());
-        settings()->userSettings()->setValue("virtual_devices.qmp_over_tcp", overTcp);
+        settings()->userSettings()->setValue("virtual_devices.qmp_over_tcp", c["overTcp"].toBool());
         QEMUEngine engine;
         const QString path = engine.devicePath(QString(c["nameLength"].toInt(), 'n')), socket = engine.qmpSocketPath(path);
         QCOMPARE(engine.qmpSocketPath(path), socket);
