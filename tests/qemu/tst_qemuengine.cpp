@@ -103,29 +103,29 @@ private slots:
         QCOMPARE(reloaded->uuid(), ok ? QStringLiteral("uuid-2") : oldUuid);
     }
 
-    // Offsets go 0, 7, ... 693; one that another start holds, in this process or in another
-    // (its lock file), is passed; a device already running keeps its offset; a port that QEMU
-    // finds taken after the probe moves the start once, to the next free offset.
+    // Offsets go 0, 7, ... 693; a port that QEMU finds taken after the probe moves the start
+    // once, to the next free offset; one that another start holds, in this process or in another
+    // (its lock file), is passed, and so is one that a running device keeps.
     void portOffsetSearch()
     {
         QEMUEngine engine;
         auto first = newDevice(engine, "first"), second = newDevice(engine, "second");
         QVERIFY(first && second);
-        QLockFile otherProcess(engine.devicesDirectory().filePath(".port-offset-0.lock"));
-        PortOffsetReservation otherStart(engine.devicesDirectory().absolutePath());
-        QVERIFY(otherProcess.tryLock() && otherStart.tryHold(7));
-        const QJsonObject clash{{"match", QJsonArray()}, {"times", 1}, {"stderr", "Could not set up host forwarding rule 'tcp:127.0.0.1:6569-:5555'\n"}};
+        const QJsonObject clash{{"match", QJsonArray()}, {"times", 1}, {"stderr", "Could not set up host forwarding rule 'tcp:127.0.0.1:6555-:5555'\n"}};
         m_qemu->setRules({{"calls", true}, {"rules", QJsonArray{clash, QJsonObject{{"match", QJsonArray()}, {"sleep_ms", 20000}}}}});
         LogCapture clashLog;
         QCOMPARE(engine.startMachine(second.get(), QString()), int(QEMUMachine::StartRunning));
-        QCOMPARE(QEMUMachine(&engine, second->path()).portOffset(), quint16(21));
-        QVERIFY2(clashLog.contains(QtWarningMsg, "[VMTools] Port offset 14 was taken meanwhile, starting again at offset 21"), qPrintable(clashLog.dump()));
+        QCOMPARE(QEMUMachine(&engine, second->path()).portOffset(), quint16(7));
+        QVERIFY2(clashLog.contains(QtWarningMsg, "[VMTools] Port offset 0 was taken meanwhile, starting again at offset 7"), qPrintable(clashLog.dump()));
         killProcessesBelow(m_bin.path());
         scriptQemu("Failed to get \"write\" lock\n", 0);  // any other failure is not tried again
         QCOMPARE(engine.startMachine(second.get(), QString()), int(QEMUMachine::StartSystemFileLocked));
 
+        QLockFile otherProcess(engine.devicesDirectory().filePath(".port-offset-679.lock"));
+        PortOffsetReservation otherStart(engine.devicesDirectory().absolutePath());
+        QVERIFY(otherProcess.tryLock() && otherStart.tryHold(686));
         QList<std::shared_ptr<QTcpServer>> taken;
-        for (int offset = 0; offset < 693; offset += 7) {
+        for (int offset = 0; offset < 679; offset += 7) {
             taken << std::make_shared<QTcpServer>();
             QVERIFY(taken.last()->listen(QHostAddress::Any, quint16(6555 + offset)));
         }
