@@ -106,12 +106,13 @@ private slots:
     void create()
     {
         QFETCH(const QJsonObject, row);
-        // "leftover": a file that a create cut short left, below the device's folder ("." is the folder
-        // itself); "deploy": the deployment step alone; "options": made by createMachine, which applies them.
+        // "leftover": a file that a create cut short left, below the device's folder ("." is the folder itself, "link" a link
+        // there to an empty folder elsewhere); "deploy": the deployment step alone; "options": made by createMachine, which applies them.
         const QString name = row["device"].toString(), dev = m_devs + "/" + name, leftover = row["leftover"].toString();
         OsImage image = m_image;
         image.buildDate = row["noBuildDate"].toBool() ? QDateTime() : image.buildDate;
-        QVERIFY(leftover.isEmpty() || writeFile(QDir::cleanPath(dev + "/" + leftover), "cut short"));
+        QVERIFY(leftover.isEmpty() || (leftover == "link" ? QDir().mkpath(m_home.filePath("elsewhere")) && QFile::link(m_home.filePath("elsewhere"), dev)
+                                                          : writeFile(QDir::cleanPath(dev + "/" + leftover), "cut short")));
         const auto before = treeHashes(m_devs);
         const HwProfile profile = testProfile(256, 1, row["sdCard"].toInt());
         const QVariantMap options = row["options"].toObject().toVariantMap();
@@ -121,8 +122,7 @@ private slots:
                          : m_engine->deployDevice(name, QUrl(image.imageUri).toLocalFile(), profile.sdCardSize, image.osVersion, image.imageVersion);
         QCOMPARE(result, row["result"].toInt());
         QCOMPARE(calls(), row["calls"].toVariant().toStringList().join('\n'));
-        QStringList critical = row["critical"].toVariant().toStringList();
-        QCOMPARE(log.lines(QtCriticalMsg), critical.replaceInStrings("$DEV", m_devs));
+        QCOMPARE(log.lines(QtCriticalMsg), row["critical"].toVariant().toStringList().replaceInStrings("$DEV", m_devs));
         if (result != 0) {
             QCOMPARE(treeHashes(m_devs), before);
             return;
