@@ -138,8 +138,8 @@ private slots:
     {
         auto keep = load("keep");
         const QString dev = m_devs + "/keep";
-        // A lost system disk is made again on the reference disk.
-        QVERIFY(QFile::remove(dev + "/system.qcow2") && keep->createSystemDisk(m_image));
+        // A lost system disk is made again on the reference disk, which needs no reference data disk.
+        QVERIFY(QFile::remove(dev + "/system.qcow2") && QFile::rename(m_ref + "/data.qcow2", m_home.filePath("aside")) && keep->createSystemDisk(m_image) && QFile::rename(m_home.filePath("aside"), m_ref + "/data.qcow2"));
         QCOMPARE(calls(), "create -f qcow2 -b $REF/system.qcow2 -F qcow2 $DEV/keep/system.qcow2");
         script();
         // A reset brings back every file as made, whatever happened to the two disks.
