@@ -24,14 +24,11 @@ class tst_QemuEngine : public QObject
 
     void scriptQemu(const QString &errorText, int sleepMs)
     {
-        const QJsonObject rule{{"match", QJsonArray()}, {"stderr", errorText}, {"sleep_ms", sleepMs}};
-        m_qemu->setRules({{"calls", true}, {"rules", QJsonArray{rule}}});
+        m_qemu->setRules({{"calls", true}, {"rules", QJsonArray{QJsonObject{{"match", QJsonArray()}, {"stderr", errorText}, {"sleep_ms", sleepMs}}}}});
     }
     std::unique_ptr<QEMUMachine> newDevice(QEMUEngine &engine, const QString &name)
     {
-        if (!QEMUMachine(&engine, engine.devicePath(name), testProfile(), testImage()).save())
-            return nullptr;
-        return std::unique_ptr<QEMUMachine>(static_cast<QEMUMachine *>(engine.loadMachine(name)));
+        return std::unique_ptr<QEMUMachine>(QEMUMachine(&engine, engine.devicePath(name), testProfile(), testImage()).save() ? static_cast<QEMUMachine *>(engine.loadMachine(name)) : nullptr);
     }
 
 private slots:
@@ -75,12 +72,15 @@ private slots:
         QVERIFY(engine.removeFile(dir.filePath("f")) && !QFile::exists(dir.filePath("f")) && engine.removeFile(dir.filePath("f")));
         QVERIFY(!engine.removeFile(dir.filePath("folder")) && QFileInfo::exists(dir.filePath("folder/inner")));
         QCOMPARE(log.lines(QtWarningMsg).filter("Failed to remove").size(), 1);
-        // Disk work on a missing file is refused before qemu-img runs; here qemu-img is missing too.
+        // Disk work on a missing file is refused before qemu-img runs; here qemu-img is missing too, so the installation
+        // check names it; a QEMU whose --version fails leaves no version.
+        m_qemu->setRules({{"rules", QJsonArray{QJsonObject{{"stdout", "QEMU emulator version 9.9.9\n"}, {"exit", 1}}}}});
         QVERIFY(!engine.createOverlayDisk(dir.filePath("none"), dir.filePath("o")) && !engine.convertToQcow2(dir.filePath("none"), dir.filePath("c"))
-                && !engine.resizeDisk(nullptr, dir.filePath("none"), 8) && !engine.resizeDisk(nullptr, dir.filePath("g"), 8));
+                && !engine.resizeDisk(nullptr, dir.filePath("none"), 8) && !engine.resizeDisk(nullptr, dir.filePath("g"), 8) && engine.checkInstallation(true).code == 1 && engine.versionString().isEmpty());
         QCOMPARE(log.lines(QtCriticalMsg), (QStringList{"[VMTools] Failed to copy " + dir.filePath("folder") + " to " + dir.filePath("h") + " : Not a regular file",
                                                         "[VMTools] Backing disk file not found: " + dir.filePath("none"), "[VMTools] Disk file not found: " + dir.filePath("none"),
-                                                        "[VMTools] Can't run " + m_bin.filePath("qemu-img"), "[VMTools] Failed to resize " + dir.filePath("g") + " . "}));
+                                                        "[VMTools] Can't run " + m_bin.filePath("qemu-img"), "[VMTools] Failed to resize " + dir.filePath("g") + " . ",
+                                                        "[VMTools] Return code: 1", "[VMTools] " + engine.qemuPath() + " --version failed."}));
     }
 
     // Renaming moves the folder and gives the device its new uuid; a taken name changes nothing.
