@@ -4,10 +4,12 @@
 
 #include <QFileInfo>
 
+#include <atomic>
+
 namespace {
 
 // Long enough for a start to launch QEMU, short enough that a user is not left waiting.
-constexpr int WaitMs = 5000;
+std::atomic<int> waitMs{5000};
 
 QString lockPath(const QString &devicePath)
 {
@@ -38,10 +40,15 @@ bool DeviceLock::acquire()
 
 bool DeviceLock::acquireForNew()
 {
-    if (m_lock.tryLock(WaitMs))
+    if (m_lock.tryLock(waitMs))
         return true;
     vmCritical("Device", m_name, "is busy with another operation");
     return false;
+}
+
+void DeviceLock::setWaitForTesting(int ms)
+{
+    waitMs = ms;
 }
 
 bool DeviceLock::isBusy(const QString &devicePath)

@@ -18,9 +18,11 @@ public:
     // The same for a device about to be made: its folder need not exist.
     bool acquireForNew();
     // Takes the lock only if it is free at once; silent.
-    bool tryAcquire() { return m_lock.tryLock(0); }
+    bool tryAcquire() { return m_lock.tryLock(); }
     // True while another thread or process holds the device's lock.
     static bool isBusy(const QString &devicePath);
+    // Replaces the wait of a few seconds, so that tests of a busy device need not wait that long.
+    static void setWaitForTesting(int ms);
 
 private:
     QString m_path;

@@ -39,7 +39,7 @@ bool PortOffsetReservation::tryHold(int offset)
             QDir(m_directory).filePath(QStringLiteral(".port-offset-%1.lock").arg(offset)));
     // Only a dead holder frees it: a start may wait on a slow QEMU for longer than any age.
     lock->setStaleLockTime(0);
-    if (lock->tryLock(0)) {
+    if (lock->tryLock()) {
         m_lock = std::move(lock);
     } else if (lock->error() == QLockFile::LockFailedError) {
         QMutexLocker locker(&heldMutex);
@@ -55,10 +55,10 @@ bool PortOffsetReservation::tryHold(int offset)
 
 void PortOffsetReservation::release()
 {
-    if (m_offset < 0)
+    if (!m_offset)
         return;
     m_lock.reset();  // unlocks and removes the file
     QMutexLocker locker(&heldMutex);
-    heldOffsets.remove(m_offset);
-    m_offset = -1;
+    heldOffsets.remove(*m_offset);
+    m_offset.reset();
 }

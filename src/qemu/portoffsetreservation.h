@@ -3,6 +3,7 @@
 #include <QString>
 
 #include <memory>
+#include <optional>
 
 class QLockFile;
 
@@ -21,10 +22,9 @@ public:
     // Holds offset in place of the one held so far; false when another start holds it.
     bool tryHold(int offset);
     void release();
-    int offset() const { return m_offset; }
 
 private:
     QString m_directory;
-    int m_offset = -1;
+    std::optional<int> m_offset;
     std::unique_ptr<QLockFile> m_lock;
 };

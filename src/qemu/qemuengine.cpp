@@ -28,14 +28,16 @@
 #include <QThread>
 
 #include <memory>
+#include <optional>
 
 namespace {
 
 // How long QEMU gets to reject its accelerators before the probe reads its error output.
 constexpr unsigned long AccelerationProbeWaitMs = 1000;
-// Offsets step by 7 so that a device's ports never overlap its neighbour's.
+// Offsets step by 7 so that a device's ports never overlap its neighbour's; a hundred of
+// them, 0 to 693.
 constexpr int PortOffsetStep = 7;
-constexpr int LastPortOffset = 699;
+constexpr int PortOffsetCount = 100;
 
 QString binaryDirectory()
 {
@@ -109,18 +111,18 @@ QSet<int> offsetsOfRunningMachines(QList<VMToolsMachine *> machines)
 }
 
 // The first offset from firstOffset on whose ports are free and that no other start holds;
-// the reservation keeps it. -1 when there is none.
-int reserveFreeOffset(PortOffsetReservation &reservation, const QSet<int> &running,
-                      int firstOffset, bool allInterfaces)
+// the reservation keeps it. None when there is none.
+std::optional<int> reserveFreeOffset(PortOffsetReservation &reservation, const QSet<int> &running,
+                                     int firstOffset, bool allInterfaces)
 {
-    for (int offset = firstOffset; offset <= LastPortOffset; offset += PortOffsetStep) {
+    for (int offset = firstOffset; offset < PortOffsetCount * PortOffsetStep; offset += PortOffsetStep) {
         if (running.contains(offset) || !reservation.tryHold(offset))
             continue;
         if (canListenOnAllPorts(offset, allInterfaces))
             return offset;
     }
     reservation.release();
-    return -1;
+    return std::nullopt;
 }
 
 } // namespace
@@ -263,8 +265,8 @@ int QEMUEngine::startMachine(VMToolsMachine *vmMachine, const QString &snapshotN
     const QSet<int> running = offsetsOfRunningMachines(listMachines({}));
     // Held until the start has returned: QEMU has then bound its ports, or given up.
     PortOffsetReservation reservation(m_devicesDirectory.absolutePath());
-    const int offset = reserveFreeOffset(reservation, running, 0, allInterfaces);
-    if (offset < 0) {
+    const std::optional<int> offset = reserveFreeOffset(reservation, running, 0, allInterfaces);
+    if (!offset) {
         vmCritical("Failed to determine a port offset");
         return QEMUMachine::StartFailed;
     }
@@ -276,7 +278,6 @@ int QEMUEngine::startMachine(VMToolsMachine *vmMachine, const QString &snapshotN
     launch.virtio = machine->usesVirtio();
     launch.sdCardEnabled = machine->isSdCardInserted();
     launch.snapshotName = snapshotName;
-    launch.portOffset = quint16(offset);
     launch.shareDir = m_shareDir;
     launch.showWindow = qEnvironmentVariableIsSet("QV_HYPERVISOR_WINDOW");
     launch.forwardAllInterfaces = allInterfaces;
@@ -294,18 +295,18 @@ int QEMUEngine::startMachine(VMToolsMachine *vmMachine, const QString &snapshotN
         return machine->start(m_qemuPath, arguments, quint16(portOffset));
     };
 
-    const int result = launchAt(offset);
+    const int result = launchAt(*offset);
     if (result != QEMUMachine::StartPortInUse || machine->isQemuRunning())
         return result;
     // A program took one of the ports between the probe and QEMU's start: one more try,
     // with the taken offset still held so that the search passes it.
     PortOffsetReservation next(m_devicesDirectory.absolutePath());
-    const int nextOffset = reserveFreeOffset(next, running, offset + PortOffsetStep, allInterfaces);
-    if (nextOffset < 0)
+    const std::optional<int> nextOffset = reserveFreeOffset(next, running, *offset + PortOffsetStep, allInterfaces);
+    if (!nextOffset)
         return result;
-    vmWarning("Port offset", offset, "was taken meanwhile, starting again at offset", nextOffset);
+    vmWarning("Port offset", *offset, "was taken meanwhile, starting again at offset", *nextOffset);
     reservation.release();
-    return launchAt(nextOffset);
+    return launchAt(*nextOffset);
 }
 
 bool QEMUEngine::stopMachine(VMToolsMachine *vmMachine)
@@ -373,7 +374,7 @@ QStringList QEMUEngine::auxiliaryList3() const
 
 bool QEMUEngine::auxiliaryFlag() const
 {
-    return false;
+    return {};
 }
 
 QStringList QEMUEngine::installationErrors()
@@ -410,8 +411,8 @@ QEMUEngine::InstallStatus QEMUEngine::checkInstallation(bool skipAccelerationPro
 int QEMUEngine::findPortOffset()
 {
     PortOffsetReservation reservation(m_devicesDirectory.absolutePath());
-    return reserveFreeOffset(reservation, offsetsOfRunningMachines(listMachines({})), 0,
-                             forwardAllInterfaces());
+    return reserveFreeOffset(reservation, offsetsOfRunningMachines(listMachines({})), 0, forwardAllInterfaces())
+            .value_or(-1);
 }
 
 QString QEMUEngine::qmpSocketPath(const QString &devicePath) const

@@ -59,6 +59,7 @@ public:
     QStringList installationErrors() override;
 
     InstallStatus checkInstallation(bool skipAccelerationProbe);
+    // The first port offset free right now (not kept for a start); -1 when every one is taken.
     int findPortOffset();
 
     // Disk work with qemu-img (qemuengine_disks.cpp).

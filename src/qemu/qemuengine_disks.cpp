@@ -206,13 +206,13 @@ int QEMUEngine::factoryReset(VMToolsMachine *machine)
     }
     const QString system = diskPath(device, SystemDisk + PartialSuffix);
     const QString data = diskPath(device, DataDisk + PartialSuffix);
-    bool made = createOverlayDisk(referenceSystem, system);
-    if (!made)
+    bool made = false;
+    if (!createOverlayDisk(referenceSystem, system))
         vmCritical("Failed to create system disk");
-    else if (!(made = copyFile(referenceData, data)))
+    else if (!copyFile(referenceData, data))
         vmCritical("Failed to copy data disk");
-    // The two renames are the reset's end: once both disks are in place, it is done.
-    made = made && QFile::rename(system, diskPath(device, SystemDisk)) && QFile::rename(data, diskPath(device, DataDisk));
+    else  // the two renames are the reset's end: once both disks are in place, it is done
+        made = QFile::rename(system, diskPath(device, SystemDisk)) && QFile::rename(data, diskPath(device, DataDisk));
     finishInterruptedReset(device);
     return made ? 0 : 2;
 }

@@ -79,7 +79,13 @@ bool QEMUEngine::prepareReferenceDisks(const QString &archive, const Version &fi
     QLockFile lock(reference.absolutePath() + QStringLiteral(".lock"));
     // Only a dead owner frees the lock: a conversion may hold it for minutes.
     lock.setStaleLockTime(0);
-    if (!lock.tryLock(0)) {
+    if (!lock.tryLock()) {
+        // A lock file that cannot be made at all (a file where a folder should be, no right
+        // to write) never comes free: waiting for it would only hide the cause.
+        if (lock.error() != QLockFile::LockFailedError) {
+            vmCritical("Cannot make the lock file of", reference.absolutePath());
+            return false;
+        }
         vmInfo("Waiting for another process to prepare", reference.absolutePath());
         if (!lock.tryLock(PreparationWaitMs)) {
             vmCritical("Another process is still preparing", reference.absolutePath());

@@ -80,6 +80,7 @@ private slots:
         QVERIFY(m_fake->isValid() && QFile::link(qemu, m_home.filePath("bin/qemu-system-x86_64")) && makeOva(m_img, m_home.path(), &ova));
         m_image = testImage(QUrl::fromLocalFile(ova).toString());
         m_engine = std::make_unique<QEMUEngine>();
+        DeviceLock::setWaitForTesting(500);
         m_ref = QDir::cleanPath(systemImageDirectory(m_image.osVersion, m_image.imageVersion));
         m_devs = m_engine->devicesDirectory().absolutePath();
     }
@@ -105,30 +106,40 @@ private slots:
     void create()
     {
         QFETCH(const QJsonObject, row);
-        const QString name = row["device"].toString(), dev = m_devs + "/" + name;
-        const auto before = treeHashes(m_devs);
+        // "leftover": a file that a create cut short left, below the device's folder ("." is the folder itself, "link" a link
+        // there to an empty folder elsewhere); "deploy": the deployment step alone; "options": made by createMachine, which applies them.
+        const QString name = row["device"].toString(), dev = m_devs + "/" + name, leftover = row["leftover"].toString();
         OsImage image = m_image;
         image.buildDate = row["noBuildDate"].toBool() ? QDateTime() : image.buildDate;
-        QVERIFY(!row["leftover"].toBool() || writeFile(dev + "/shared/config/device.json", "cut short"));
+        QVERIFY(leftover.isEmpty() || (leftover == "link" ? QDir().mkpath(m_home.filePath("elsewhere")) && QFile::link(m_home.filePath("elsewhere"), dev)
+                                                          : writeFile(QDir::cleanPath(dev + "/" + leftover), "cut short")));
+        const auto before = treeHashes(m_devs);
+        const HwProfile profile = testProfile(256, 1, row["sdCard"].toInt());
+        const QVariantMap options = row["options"].toObject().toVariantMap();
         LogCapture log;
-        QCOMPARE(m_engine->createDevice(name, image, testProfile(256, 1, row["sdCard"].toInt())), row["result"].toInt());
+        const std::unique_ptr<VMToolsMachine> made(row.contains("options") ? m_engine->createMachine(name, image, profile, options) : nullptr);
+        const int result = row.contains("options") ? int(!made) : !row["deploy"].toBool() ? m_engine->createDevice(name, image, profile)
+                         : m_engine->deployDevice(name, QUrl(image.imageUri).toLocalFile(), profile.sdCardSize, image.osVersion, image.imageVersion);
+        QCOMPARE(result, row["result"].toInt());
         QCOMPARE(calls(), row["calls"].toVariant().toStringList().join('\n'));
-        if (row["result"].toInt() != 0) {
-            QVERIFY2(log.contains(QtCriticalMsg, "[VMTools] " + row["message"].toString()), qPrintable(log.dump()));
+        QCOMPARE(log.lines(QtCriticalMsg), row["critical"].toVariant().toStringList().replaceInStrings("$DEV", m_devs));
+        if (result != 0) {
             QCOMPARE(treeHashes(m_devs), before);
             return;
         }
         QCOMPARE(fileHash(dev + "/data.qcow2"), fileHash(m_ref + "/data.qcow2"));
         QCOMPARE(virtualSize(dev + "/sdcard.qcow2"), row["sdCard"].toInt() * 1048576.0);
         QCOMPARE(load(name)->osImage().uuid, m_image.uuid);
+        for (auto it = options.cbegin(); it != options.cend(); ++it)
+            QCOMPARE(load(name)->configurationValue(it.key()).toString(), it.value().toString());
     }
 
     void diskWork()
     {
         auto keep = load("keep");
         const QString dev = m_devs + "/keep";
-        // A lost system disk is made again on the reference disk.
-        QVERIFY(QFile::remove(dev + "/system.qcow2") && keep->createSystemDisk(m_image));
+        // A lost system disk is made again on the reference disk, which needs no reference data disk.
+        QVERIFY(QFile::remove(dev + "/system.qcow2") && QFile::rename(m_ref + "/data.qcow2", m_home.filePath("aside")) && keep->createSystemDisk(m_image) && QFile::rename(m_home.filePath("aside"), m_ref + "/data.qcow2"));
         QCOMPARE(calls(), "create -f qcow2 -b $REF/system.qcow2 -F qcow2 $DEV/keep/system.qcow2");
         script();
         // A reset brings back every file as made, whatever happened to the two disks.
@@ -196,14 +207,15 @@ private slots:
     void faults()
     {
         QFETCH(const QJsonObject, row);
-        // "moved": a reference file put aside (a trailing '/' leaves a folder in its place);
-        // "gone": a reference disk converted again, whose half-made copy must not stay.
-        const QString moved = row["moved"].toString(), gone = row["gone"].toString();
+        // "moved": a reference file put aside, a folder, a link to it or a FIFO "left" in its place; "gone": a reference disk converted
+        // again, whose half-made copy must not stay; "blocked": a folder where a reset puts a disk aside. No "upgraded": never said.
+        const QString moved = row["moved"].toString(), gone = row["gone"].toString(), left = row["left"].toString(), blocked = row["blocked"].toString();
         const int sleepMs = row["sleepMs"].toInt();
         auto keep = load("keep");
-        QVERIFY(keep->setConfigurationValue("device_upgraded_at_least_once", row["upgraded"].toBool()));
-        const QString aside = m_home.filePath("aside"), reference = m_ref + "/" + QString(moved).remove('/');
-        QVERIFY(moved.isEmpty() || (QFile::rename(reference, aside) && (!moved.endsWith('/') || QDir().mkpath(reference))));
+        QVERIFY(keep->setConfigurationValue("device_upgraded_at_least_once", row["upgraded"].toVariant()) && (blocked.isEmpty() || QDir(keep->path()).mkdir(blocked)));
+        const QString aside = m_home.filePath("aside"), reference = m_ref + "/" + moved;
+        QVERIFY(moved.isEmpty() || (QFile::rename(reference, aside) && (left.isEmpty() || (left == "folder" ? QDir().mkpath(reference)
+                                    : left == "link" ? QFile::link(aside, reference) : ::mkfifo(qPrintable(reference), 0600) == 0))));
         QJsonObject rule{{"match", row["match"]}, {"exit", sleepMs ? 0 : 1}, {"stderr", "injected"}, {"sleep_ms", sleepMs}};
         if (!gone.isEmpty())
             rule["create_file_arg"] = -1;  // as the real tool does, a failed conversion leaves its target
@@ -216,9 +228,10 @@ private slots:
         timer.start();
         const int result = row["reset"].toBool() ? m_engine->factoryReset(keep.get()) : m_engine->createDevice("new", m_image, testProfile(256, 1, 8));
         QVERIFY(timer.elapsed() < 4000);
-        QVERIFY(moved.isEmpty() || (QDir(reference).removeRecursively() && QFile::rename(aside, reference)));
+        QVERIFY(moved.isEmpty() || ((QFile::remove(reference) || QDir(reference).removeRecursively()) && QFile::rename(aside, reference)));
+        QVERIFY(blocked.isEmpty() || QDir(keep->path()).rmdir(blocked));
         QCOMPARE(result, row["result"].toInt());
-        QVERIFY2(log.contains(QtCriticalMsg, "[VMTools] " + row["message"].toString()), qPrintable(log.dump()));
+        QVERIFY2(log.contains(QtCriticalMsg, "[VMTools] " + row["message"].toString().replace("$REF", m_ref).replace("$DEV", m_devs)), qPrintable(log.dump()));
         QCOMPARE(treeHashes(m_devs), before);
         QVERIFY(!QFileInfo::exists(m_devs + "/new") && (gone.isEmpty() || !QFile::exists(m_ref + "/" + gone)));
     }
@@ -234,7 +247,8 @@ private slots:
             QVERIFY(QFile::rename(dev + "/" + move[0].toString(), dev + "/" + move[1].toString()));
         for (const QJsonValue &file : row["written"].toArray())
             QVERIFY(writeFile(dev + "/" + file.toString(), "new"));
-        QVERIFY(load("keep"));
+        LogCapture log;
+        QVERIFY(load("keep") && log.lines(QtCriticalMsg).isEmpty());
         auto expected = made;
         if (row["ends"] == "new")
             expected["system.qcow2"] = expected["data.qcow2"] = QCryptographicHash::hash("new", QCryptographicHash::Sha1).toHex();
@@ -257,10 +271,14 @@ private slots:
         QVERIFY(!gone || QDir().rename(keep->path(), m_devs + "/away"));
         LogCapture log;
         const int result = op == "start" ? m_engine->startMachine(keep.get(), QString())
+                         : op == "stop" ? int(m_engine->stopMachine(keep.get()))
+                         : op == "create" ? m_engine->createDevice("keep", m_image, testProfile())
+                         : op == "save snapshot" ? int(m_engine->saveSnapshot(keep.get(), "s"))
+                         : op == "delete snapshot" ? int(m_engine->deleteSnapshot(keep.get(), "s"))
                          : op == "delete" ? int(m_engine->deleteMachine(keep.get()))
                                           : int(std::unique_ptr<VMToolsMachine>(m_engine->cloneMachine(keep.get(), "copy2")) != nullptr);
         QVERIFY(!gone || QDir().rename(m_devs + "/away", keep->path()));
-        QCOMPARE(result, row["result"].toInt());
+        QCOMPARE((QList<int>{result, DeviceLock::isBusy(keep->path())}), (QList<int>{row["result"].toInt(), !gone}));
         QVERIFY2(log.contains(QtCriticalMsg, gone ? "[VMTools] Device keep no longer exists" : "[VMTools] Device keep is busy with another operation"), qPrintable(log.dump()));
         QCOMPARE(treeHashes(m_devs), before);
     }
@@ -276,12 +294,13 @@ private slots:
         const auto before = treeHashes(m_home.path());
         LogCapture log;
         QEMUMachine outside(m_engine.get(), name);
-        const bool done = op == "create" ? m_engine->createDevice(name, m_image, testProfile()) == 0
-                        : op == "clone"  ? std::unique_ptr<VMToolsMachine>(m_engine->cloneMachine(keep.get(), name)) != nullptr
-                        : op == "rename" ? m_engine->applyMachineChange(keep.get(), name, keep->uuid())
-                        : op == "delete" ? m_engine->deleteMachine(&outside)
-                                         : std::unique_ptr<VMToolsMachine>(m_engine->loadMachine(name)) != nullptr;
-        QVERIFY(!done);
+        const int result = op == "create" ? m_engine->createDevice(name, m_image, testProfile())
+                         : op == "deploy" ? m_engine->deployDevice(name, QUrl(m_image.imageUri).toLocalFile(), 0, m_image.osVersion, m_image.imageVersion)
+                         : op == "clone"  ? int(std::unique_ptr<VMToolsMachine>(m_engine->cloneMachine(keep.get(), name)) != nullptr)
+                         : op == "rename" ? int(m_engine->applyMachineChange(keep.get(), name, keep->uuid()))
+                         : op == "delete" ? int(m_engine->deleteMachine(&outside))
+                                          : int(std::unique_ptr<VMToolsMachine>(m_engine->loadMachine(name)) != nullptr);
+        QCOMPARE(result, int(op == "create" || op == "deploy"));  // their failure is 1, the others' is false
         const QString message = row["message"].toString("Invalid device name: %1").arg(name).replace("$DEVS", m_devs);
         QVERIFY2(log.contains(QtCriticalMsg, "[VMTools] " + message), qPrintable(log.dump()));
         QCOMPARE(treeHashes(m_home.path()), before);
@@ -305,9 +324,10 @@ private slots:
         QVERIFY(runTool("tar", {"-cf", work + ".ova", "-C", work, "device.ovf", "system.vmdk", "data.vmdk", "sdcard.vmdk"}));
         const OsImage image = testImage(QUrl::fromLocalFile(work + ".ova").toString(), row["os"].toString());
         const QString reference = QDir::cleanPath(systemImageDirectory(image.osVersion, image.imageVersion));
+        QVERIFY(!row["blocked"].toBool() || writeFile(QFileInfo(reference).path(), "not a folder"));
         LogCapture log;
         QCOMPARE(m_engine->createDevice("hostile", image, testProfile()), 1);
-        QVERIFY2(log.contains(QtCriticalMsg, "[VMTools] " + fill(row["message"].toString()).replace("$REF", reference).replace("$OVA", work + ".ova")), qPrintable(log.dump()));
+        QCOMPARE(log.lines(QtCriticalMsg).join('\n'), fill(row["critical"].toVariant().toStringList().join('\n')).replace("$REF", reference).replace("$OVA", work + ".ova"));
         QVERIFY(!QFileInfo::exists(m_devs + "/hostile") && !QFileInfo::exists(reference + "/system.qcow2.partial"));
         QVERIFY(row["os"] == "7.1.0" || !QFileInfo::exists(reference + "/system.qcow2"));
     }
@@ -326,18 +346,22 @@ private slots:
         auto machine = load("keep");
         const QString system = machine->path() + "/system.qcow2";
         if (row["diskHeld"].toBool()) {
-            m_holder.start(m_engine->qemuPath(), {"-nodefaults", "-display", "none", "-S", "-m", "64M", "-drive", "file=" + system + ",format=qcow2"});
-            // Until QEMU holds the image's lock. QTRY counts its steps, not the time a slow
-            // check takes, so the clock bounds this wait.
-            bool held = false;
-            for (const QDeadlineTimer deadline(30000); !held && m_holder.state() != QProcess::NotRunning && !deadline.hasExpired(); QTest::qWait(100))
-                held = !runTool(m_img, {"info", system}, 5000);
-            QVERIFY2(held, qPrintable(m_holder.errorString() + m_holder.readAllStandardError()));
+            // QEMU answers on its monitor only once its drives are open and locked: a qemu-img
+            // probe before that races the holder for the image's lock and may make it give up.
+            m_holder.start(m_engine->qemuPath(), {"-nodefaults", "-display", "none", "-S", "-m", "64M", "-qmp", "stdio", "-drive", "file=" + system + ",format=qcow2"});
+            m_holder.write("{\"execute\": \"qmp_capabilities\"}\n");
+            QByteArray answer;
+            for (const QDeadlineTimer deadline(30000); !answer.contains("\"return\"") && m_holder.waitForReadyRead(int(deadline.remainingTime()));)
+                answer += m_holder.readAllStandardOutput();
+            const CommandResult probe = runCommand(m_img, {"info", system});
+            QVERIFY2(probe.error.contains("Failed to get") && probe.error.contains("lock"), qPrintable(answer + probe.error + m_holder.readAllStandardError()));
         }
         LogCapture log;
         const mode_t umask = ::umask(0);  // QEMU's socket open to all: only the folder guards it
-        QCOMPARE(m_engine->startMachine(machine.get(), QString()), result);
+        const int started = m_engine->startMachine(machine.get(), QString());
         ::umask(umask);
+        QVERIFY2(started == result, qPrintable(QString("start gave %1; holder %2 %3; qemu.log: %4; log:\n%5").arg(started).arg(m_holder.state() == QProcess::Running ? "running" : "not running",
+                 m_holder.readAllStandardError(), fileContents(machine->logFilePath()), log.dump())));
         m_pid = QSettings(machine->lockFilePath(), QSettings::IniFormat).value("pid").toLongLong();
         if (result != QEMUMachine::StartRunning) {
             QVERIFY2(log.contains(QtCriticalMsg, message), qPrintable(log.dump()));

@@ -1,8 +1,10 @@
 #include "casetable.h"
+#include "devicelock.h"
 #include "fakeprogram.h"
 #include "fixtures.h"
 #include "logcapture.h"
 #include "multisettings.h"
+#include "portoffsetreservation.h"
 #include "processutils.h"
 #include "qemuengine.h"
 #include "qemumachine.h"
@@ -22,14 +24,11 @@ class tst_QemuEngine : public QObject
 
     void scriptQemu(const QString &errorText, int sleepMs)
     {
-        const QJsonObject rule{{"match", QJsonArray()}, {"stderr", errorText}, {"sleep_ms", sleepMs}};
-        m_qemu->setRules({{"calls", true}, {"rules", QJsonArray{rule}}});
+        m_qemu->setRules({{"calls", true}, {"rules", QJsonArray{QJsonObject{{"match", QJsonArray()}, {"stderr", errorText}, {"sleep_ms", sleepMs}}}}});
     }
     std::unique_ptr<QEMUMachine> newDevice(QEMUEngine &engine, const QString &name)
     {
-        if (!QEMUMachine(&engine, engine.devicePath(name), testProfile(), testImage()).save())
-            return nullptr;
-        return std::unique_ptr<QEMUMachine>(static_cast<QEMUMachine *>(engine.loadMachine(name)));
+        return std::unique_ptr<QEMUMachine>(QEMUMachine(&engine, engine.devicePath(name), testProfile(), testImage()).save() ? static_cast<QEMUMachine *>(engine.loadMachine(name)) : nullptr);
     }
 
 private slots:
@@ -57,6 +56,8 @@ private slots:
         QCOMPARE(engine.factoryReset(nullptr), 2);
         QCOMPARE(log.lines(QtCriticalMsg), (QStringList{"[VMTools] Cannot start a machine that QEMU does not run",
                                                         "[VMTools] Failed to save snapshot s", "[VMTools] Cannot factory reset null machine"}));
+        // Nor does a device that does not run save a snapshot; one in a folder that is not there is not busy.
+        QVERIFY(!engine.saveSnapshot(newDevice(engine, "dev").get(), "t") && log.lines(QtCriticalMsg).last() == "[VMTools] Failed to save snapshot t" && !DeviceLock::isBusy(m_home.filePath("none/dev")));
     }
 
     // Single-file operations: a missing file counts as removed; a folder is neither copied nor removed.
@@ -71,21 +72,24 @@ private slots:
         QVERIFY(engine.removeFile(dir.filePath("f")) && !QFile::exists(dir.filePath("f")) && engine.removeFile(dir.filePath("f")));
         QVERIFY(!engine.removeFile(dir.filePath("folder")) && QFileInfo::exists(dir.filePath("folder/inner")));
         QCOMPARE(log.lines(QtWarningMsg).filter("Failed to remove").size(), 1);
+        // Disk work on a missing file is refused before qemu-img runs; here qemu-img is missing too, so the installation
+        // check names it; a QEMU whose --version fails leaves no version.
+        m_qemu->setRules({{"rules", QJsonArray{QJsonObject{{"stdout", "QEMU emulator version 9.9.9\n"}, {"exit", 1}}}}});
+        QVERIFY(!engine.createOverlayDisk(dir.filePath("none"), dir.filePath("o")) && !engine.convertToQcow2(dir.filePath("none"), dir.filePath("c"))
+                && !engine.resizeDisk(nullptr, dir.filePath("none"), 8) && !engine.resizeDisk(nullptr, dir.filePath("g"), 8) && engine.checkInstallation(true).code == 1 && engine.versionString().isEmpty());
+        QCOMPARE(log.lines(QtCriticalMsg), (QStringList{"[VMTools] Failed to copy " + dir.filePath("folder") + " to " + dir.filePath("h") + " : Not a regular file",
+                                                        "[VMTools] Backing disk file not found: " + dir.filePath("none"), "[VMTools] Disk file not found: " + dir.filePath("none"),
+                                                        "[VMTools] Can't run " + m_bin.filePath("qemu-img"), "[VMTools] Failed to resize " + dir.filePath("g") + " . ",
+                                                        "[VMTools] Return code: 1", "[VMTools] " + engine.qemuPath() + " --version failed."}));
     }
 
     // Renaming moves the folder and gives the device its new uuid; a taken name changes nothing.
-    void applyMachineChange_data()
-    {
-        QTest::addColumn<QString>("newName");
-        QTest::addColumn<bool>("ok");
-        QTest::newRow("new name") << "renamed" << true;
-        QTest::newRow("same name") << "device" << true;
-        QTest::newRow("name taken") << "other" << false;
-    }
+    void applyMachineChange_data() { addCaseRows("engine/renames.json"); }
     void applyMachineChange()
     {
-        QFETCH(QString, newName);
-        QFETCH(bool, ok);
+        QV_FETCH_CASE;
+        const QString newName = c["newName"].toString();
+        const bool ok = c["ok"].toBool();
         QEMUEngine engine;
         auto machine = newDevice(engine, "device");
         QVERIFY(machine && newDevice(engine, "other"));
@@ -99,8 +103,9 @@ private slots:
         QCOMPARE(reloaded->uuid(), ok ? QStringLiteral("uuid-2") : oldUuid);
     }
 
-    // Offsets go 0, 7, ... 693; a device already running keeps its offset; a port that QEMU
-    // finds taken after the probe moves the start once, to the next free offset.
+    // Offsets go 0, 7, ... 693; a port that QEMU finds taken after the probe moves the start
+    // once, to the next free offset; one that another start holds, in this process or in another
+    // (its lock file), is passed, and so is one that a running device keeps.
     void portOffsetSearch()
     {
         QEMUEngine engine;
@@ -113,45 +118,46 @@ private slots:
         QCOMPARE(QEMUMachine(&engine, second->path()).portOffset(), quint16(7));
         QVERIFY2(clashLog.contains(QtWarningMsg, "[VMTools] Port offset 0 was taken meanwhile, starting again at offset 7"), qPrintable(clashLog.dump()));
         killProcessesBelow(m_bin.path());
+        scriptQemu("Failed to get \"write\" lock\n", 0);  // any other failure is not tried again
+        QCOMPARE(engine.startMachine(second.get(), QString()), int(QEMUMachine::StartSystemFileLocked));
 
+        QLockFile otherProcess(engine.devicesDirectory().filePath(".port-offset-679.lock"));
+        PortOffsetReservation otherStart(engine.devicesDirectory().absolutePath());
+        QVERIFY(otherProcess.tryLock() && otherStart.tryHold(686));
         QList<std::shared_ptr<QTcpServer>> taken;
-        for (int offset = 0; offset < 693; offset += 7) {
+        for (int offset = 0; offset < 679; offset += 7) {
             taken << std::make_shared<QTcpServer>();
             QVERIFY(taken.last()->listen(QHostAddress::Any, quint16(6555 + offset)));
         }
         scriptQemu(QString(), 20000);
-        QCOMPARE(engine.startMachine(first.get(), QString()), int(QEMUMachine::StartRunning));
+        bool quick = true;  // a quick boot asked for, which QEMU answers with a cold boot
+        first->setHasSnapshot(true);
+        QCOMPARE(engine.startMachineWithSnapshotPolicy(first.get(), quick), int(QEMUMachine::StartRunning));
         QCOMPARE(QEMUMachine(&engine, first->path()).portOffset(), quint16(693));
-        QVERIFY(m_qemu->calls().value(2).contains("hostfwd=tcp:127.0.0.1:7248-:5555,"));
+        QVERIFY(!quick && m_qemu->calls().value(3).contains("hostfwd=tcp:127.0.0.1:7248-:5555,") && !m_qemu->calls().value(3).contains("-loadvm"));
+        QList<int> progress;
+        qDeleteAll(engine.listMachines([&](int done, int total) { progress << done << total; }));
+        QCOMPARE((QList<int>{engine.findPortOffset(), int(progress.size())} + progress), (QList<int>{-1, 4, 1, 2, 2, 2}));
 
         LogCapture log;
         QCOMPARE(engine.startMachine(second.get(), QString()), int(QEMUMachine::StartFailed));
         QCOMPARE(log.lines(QtCriticalMsg), QStringList{"[VMTools] Failed to determine a port offset"});
         QCOMPARE(engine.startMachine(first.get(), QString()), int(QEMUMachine::StartRunning));
-        QCOMPARE(m_qemu->calls().size(), 3);  // neither start above launched QEMU
+        QCOMPARE(m_qemu->calls().size(), 4);  // neither start above launched QEMU
     }
 
     // QMP's socket: in the device folder, or in a private runtime folder when that path is too
     // long for a socket address (107 bytes), under a name of its own per device; none over TCP.
-    void qmpSocket_data()
-    {
-        QTest::addColumn<int>("nameLength");
-        QTest::addColumn<bool>("overTcp");
-        QTest::addColumn<QString>("where");
-        QTest::newRow("in the device folder") << 8 << false << "device";
-        QTest::newRow("path too long for a socket") << 100 << false << "runtime";
-        QTest::newRow("QMP over TCP") << 100 << true << "";
-    }
+    void qmpSocket_data() { addCaseRows("engine/qmpsockets.json"); }
     void qmpSocket()
     {
-        QFETCH(int, nameLength);
-        QFETCH(bool, overTcp);
-        QFETCH(QString, where);
+        QV_FETCH_CASE;
+        const QString where = c["where"].toString();
         QTemporaryDir runtime;
         qputenv("XDG_RUNTIME_DIR", runtime.path().toUtf8());
-        settings()->userSettings()->setValue("virtual_devices.qmp_over_tcp", overTcp);
+        settings()->userSettings()->setValue("virtual_devices.qmp_over_tcp", c["overTcp"].toBool());
         QEMUEngine engine;
-        const QString path = engine.devicePath(QString(nameLength, 'n')), socket = engine.qmpSocketPath(path);
+        const QString path = engine.devicePath(QString(c["nameLength"].toInt(), 'n')), socket = engine.qmpSocketPath(path);
         QCOMPARE(engine.qmpSocketPath(path), socket);
         const QString folder = runtime.path() + "/quorvel-qmp";
         QCOMPARE(QFileInfo(socket).path(), where == "device" ? path : where == "runtime" ? folder : "");
@@ -160,29 +166,14 @@ private slots:
         settings()->userSettings()->setValue("virtual_devices.qmp_over_tcp", false);
     }
 
-    void startResults_data()
-    {
-        QTest::addColumn<QString>("errorText");
-        QTest::addColumn<int>("sleepMs");  // how long the stand-in lives
-        QTest::addColumn<int>("expected");
-        QTest::addColumn<QStringList>("critical");
-        QTest::newRow("running") << QString() << 20000 << 1 << QStringList();
-        QTest::newRow("busy") << "qemu-system-x86_64: Could not access KVM kernel module: Device or resource busy\n"
-                              << 0 << 5 << QStringList{"Device or resource busy"};
-        QTest::newRow("write lock") << "qemu-system-x86_64: Failed to get \"write\" lock\nIs another process using the image?\n"
-                                    << 0 << 6 << QStringList{"Another process is using a system file"};
-        QTest::newRow("port") << "could not set up host forwarding rule 'tcp::6555-:5555': failed to find an available port\n" << 0 << 7
-                              << QStringList{"Another process is using the same port"};
-        QTest::newRow("memory, still running") << "phys-bits too low: addressing limited\n" << 20000 << 9 << QStringList();
-        QTest::newRow("early exit") << "qemu-system-x86_64: something else\n" << 0 << 0
-                                    << QStringList{"[VMTools] QEMU process has stopped too early. Check qemu.log for more details"};
-    }
+    // "stderr": what the stand-in says; "sleepMs": how long it lives; "critical": the first lines at that level.
+    void startResults_data() { addCaseRows("engine/starts.json"); }
     void startResults()
     {
-        QFETCH(QString, errorText);
-        QFETCH(int, sleepMs);
-        QFETCH(int, expected);
-        QFETCH(QStringList, critical);
+        QV_FETCH_CASE;
+        const QString errorText = c["stderr"].toString();
+        const int sleepMs = c["sleepMs"].toInt(), expected = c["result"].toInt();
+        const QStringList critical = c["critical"].toVariant().toStringList();
         scriptQemu(errorText, sleepMs);
         QEMUEngine engine;
         auto machine = newDevice(engine, "dev");

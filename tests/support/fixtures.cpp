@@ -62,8 +62,8 @@ bool makeOva(const QString &qemuImg, const QString &workDir, QString *ovaPath)
     if (!QDir().mkpath(parts))
         return false;
     for (int i = 1; i < names.size(); ++i) {
-        if (!runTool(qemuImg, {QStringLiteral("create"), QStringLiteral("-q"), QStringLiteral("-f"),
-                               QStringLiteral("vmdk"), parts + QLatin1Char('/') + names[i], sizes[i]}))
+        if (!runTool(qemuImg, {QStringLiteral("create"), QStringLiteral("-q"), QStringLiteral("-f"), QStringLiteral("vmdk"), QStringLiteral("-o"),
+                               i == 2 ? QStringLiteral("subformat=streamOptimized") : QStringLiteral("subformat=monolithicSparse"), parts + QLatin1Char('/') + names[i], sizes[i]}))
             return false;
     }
     QFile ovf(parts + QStringLiteral("/device.ovf"));

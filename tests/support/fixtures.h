@@ -16,7 +16,7 @@ OsImage testImage(const QString &imageUri = QStringLiteral("file:///nonexistent/
 // Runs a tool to its end (bounded); true when it exited with 0.
 bool runTool(const QString &program, const QStringList &arguments, int timeoutMs = 60000);
 // Writes <workDir>/image.ova the way images ship: VMDK disks made by qemu-img (system 64 MiB,
-// data 32 MiB, SD card 4 MiB) and an .ovf, packed with GNU tar. False when a tool fails.
+// data 32 MiB stream-optimized, SD card 4 MiB) and an .ovf, packed with GNU tar. False when a tool fails.
 bool makeOva(const QString &qemuImg, const QString &workDir, QString *ovaPath);
 
 // Live processes whose executable lies below dir (the stand-ins a test installed), and
