@@ -96,8 +96,7 @@ private slots:
     void cleanup()
     {
         // Whatever happened, no QEMU of this test outlives it.
-        if (m_pid > 0 && isRunning(quint32(m_pid)))
-            destroyProcess(quint32(m_pid));
+        killProcessesBelow(m_home.filePath("bin"));
         m_holder.kill();
         m_holder.waitForFinished(5000);
     }

@@ -85,7 +85,12 @@ QList<qint64> processesBelow(const QString &dir)
     for (const QString &entry : entries) {
         bool numeric = false;
         const qint64 pid = entry.toLongLong(&numeric);
-        if (numeric && QFile::symLinkTarget(QStringLiteral("/proc/%1/exe").arg(pid)).startsWith(prefix))
+        if (!numeric)
+            continue;
+        // By program name too: a link below dir to a real program (QEMU) resolves elsewhere.
+        QFile cmdline(QStringLiteral("/proc/%1/cmdline").arg(pid));
+        const QString program = cmdline.open(QIODevice::ReadOnly) ? QFile::decodeName(cmdline.readLine().constData()) : QString();
+        if (QFile::symLinkTarget(QStringLiteral("/proc/%1/exe").arg(pid)).startsWith(prefix) || (QFileInfo(QFileInfo(program).absolutePath()).canonicalFilePath() + QLatin1Char('/')).startsWith(prefix))
             pids.append(pid);
     }
 #else

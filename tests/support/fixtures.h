@@ -19,7 +19,7 @@ bool runTool(const QString &program, const QStringList &arguments, int timeoutMs
 // data 32 MiB stream-optimized, SD card 4 MiB) and an .ovf, packed with GNU tar. False when a tool fails.
 bool makeOva(const QString &qemuImg, const QString &workDir, QString *ovaPath);
 
-// Live processes whose executable lies below dir (the stand-ins a test installed), and
-// their clean-up.
+// Live processes whose executable, or the link they were started through, lies below dir
+// (the stand-ins and QEMU links a test installed), and their clean-up.
 QList<qint64> processesBelow(const QString &dir);
 void killProcessesBelow(const QString &dir);
