@@ -60,6 +60,15 @@ private slots:
         QVERIFY(!engine.saveSnapshot(newDevice(engine, "dev").get(), "t") && log.lines(QtCriticalMsg).last() == "[VMTools] Failed to save snapshot t" && !DeviceLock::isBusy(m_home.filePath("none/dev")));
     }
 
+    // The host compares QEMU's version against these itself: without a setting the minimum is
+    // 6.2.0 and the maximum the unbounded value, major -1 and all else 0.
+    void versionBounds()
+    {
+        QEMUEngine engine;
+        QCOMPARE(engine.minimumVersion(), (Version{6, 2, 0, Version::Release, 0}));
+        QCOMPARE(engine.maximumVersion(), (Version{-1, 0, 0, Version::Release, 0}));
+    }
+
     // Single-file operations: a missing file counts as removed; a folder is neither copied nor removed.
     void fileOperations()
     {
