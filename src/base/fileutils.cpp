@@ -28,8 +28,10 @@ ReadResult readFile(const QString &path)
 
 bool writeFileAtomically(const QString &path, const QByteArray &data)
 {
+    // The commit renames whatever reached the disk, even after a short write or a failed
+    // flush (a full disk): both are checked first, so that the old file stays.
     QSaveFile file(path);
-    if (file.open(QIODevice::WriteOnly) && file.write(data) == data.size() && file.commit())
+    if (file.open(QIODevice::WriteOnly) && file.write(data) == data.size() && file.flush() && file.commit())
         return true;
     Log::critical("Failed to write", path, file.errorString());
     return false;

@@ -143,7 +143,8 @@ void JsonSettings::save(const QJsonObject &object) const
         Log::warning("Failed to open file for writing:", m_path);
         return;
     }
-    file.write(QJsonDocument(object).toJson(QJsonDocument::Indented));
-    if (!file.commit())
+    // As in writeFileAtomically: a short write or a failed flush must not be committed.
+    const QByteArray data = QJsonDocument(object).toJson(QJsonDocument::Indented);
+    if (file.write(data) != data.size() || !file.flush() || !file.commit())
         Log::warning("Failed to write", m_path, file.errorString());
 }

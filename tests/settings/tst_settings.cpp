@@ -50,8 +50,11 @@ private slots:
         for (const QJsonValue &kept : expand(c["kept"], names).toArray())  // copies kept earlier in that second
             QVERIFY(writeFile(kept.toString(), "old"));
         LogCapture capture;
-        for (const QJsonValue &write : c["writes"].toArray())
-            store.setValue(write[0].toString().split('/'), write[1].toVariant());
+        withFileSizeLimit(c["fileSizeLimit"].toInt(-1), [&] {  // a full disk
+            for (const QJsonValue &write : c["writes"].toArray())
+                store.setValue(write[0].toString().split('/'), write[1].toVariant());
+            return 0;
+        });
         setfsuid(owner), QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner);
         QV_COMPARE_JSON(logLines(capture), expand(c["log"], names).toArray());
         // Unchanged unless a whole new object is expected.
