@@ -79,6 +79,7 @@ public:
     // Ends a reset that was cut short: kept when both new disks are in place, otherwise
     // rolled back to the disks it moved aside.
     static void finishInterruptedReset(const QString &device);
+    static bool hasResetLeftovers(const QString &device);
 
     const HostPlatform &platform() const { return m_platform; }
     QString qemuPath() const { return m_qemuPath; }

@@ -217,6 +217,15 @@ int QEMUEngine::factoryReset(VMToolsMachine *machine)
     return made ? 0 : 2;
 }
 
+bool QEMUEngine::hasResetLeftovers(const QString &device)
+{
+    for (const QString &disk : {SystemDisk, DataDisk}) {
+        if (QFileInfo::exists(diskPath(device, disk + ResetBackupSuffix)) || QFileInfo::exists(diskPath(device, disk + PartialSuffix)))
+            return true;
+    }
+    return false;
+}
+
 void QEMUEngine::finishInterruptedReset(const QString &device)
 {
     const bool done = QFileInfo::exists(diskPath(device, SystemDisk)) && QFileInfo::exists(diskPath(device, DataDisk));

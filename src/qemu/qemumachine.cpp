@@ -75,9 +75,13 @@ bool QEMUMachine::load()
 {
     // A reset killed half-way is finished or undone before anyone reads the disks; while
     // another operation holds the device it may still be running, so it is left alone.
-    DeviceLock lock(m_path);
-    if (lock.tryAcquire())
-        QEMUEngine::finishInterruptedReset(m_path);
+    // The lock is taken only when a reset left something: a lock file costs a sync to disk,
+    // which every device of a listing would pay.
+    if (QEMUEngine::hasResetLeftovers(m_path)) {
+        DeviceLock lock(m_path);
+        if (lock.tryAcquire())
+            QEMUEngine::finishInterruptedReset(m_path);
+    }
     if (!VMToolsMachine::load())
         return false;
     return m_extra.value(VirtualizerKey).toString() == QLatin1String("QEMU");
